@@ -1,0 +1,300 @@
+#include "LogBackend.h"
+
+#include "Configuration.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+#include <vector>
+
+namespace {
+
+const std::size_t QUEUE_LINES = 8192;
+const std::uint64_t CROWDED_LINES = QUEUE_LINES / 4 * 3; ///< from here on information is dropped
+const std::uint64_t HURRY_LINES = 256;                   ///< how often a lingering log thread is called
+constexpr auto EXIT_FLUSH_TIME = std::chrono::seconds(2);
+constexpr auto REPORT_INTERVAL = std::chrono::milliseconds(100); ///< between reports while lines are dropped
+constexpr auto LINGER_TIME = std::chrono::seconds(1);
+constexpr auto LINGER_NAP = std::chrono::milliseconds(5);
+
+std::atomic<LogBackend*> g_pStarted{nullptr};
+std::atomic<bool> g_bForked{false};
+
+/// Blocks every signal for threads that are created meanwhile: the host's handlers do not run on the log
+/// thread, and a closed pipe is an error of write there, not the end of the process.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_Before);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t m_Before = {};
+};
+
+/// A queued line carries its level and its route in the line number of its source position.
+int Pack(int iLevel, LogRoute route)
+{
+    return iLevel * 4 + (route.bPrint ? 2 : 0) + (route.bLog ? 1 : 0);
+}
+
+int LevelOf(const spdlog::details::log_msg& msg)
+{
+    return msg.source.line / 4;
+}
+
+LogRoute RouteOf(const spdlog::details::log_msg& msg)
+{
+    return {(msg.source.line & 2) != 0, (msg.source.line & 1) != 0};
+}
+
+} // namespace
+
+/// Where the queue's thread hands the lines over.
+class LogBackend::QueueEnd final : public spdlog::sinks::sink
+{
+public:
+    explicit QueueEnd(LogBackend& backend)
+        : m_Backend(backend)
+    {}
+
+    void log(const spdlog::details::log_msg& msg) override { m_Backend.Handle(msg); }
+    void flush() override {}
+    void set_pattern(const std::string& /*pattern*/) override {}
+    void set_formatter(std::unique_ptr<spdlog::formatter> /*formatter*/) override {}
+
+private:
+    LogBackend& m_Backend;
+};
+
+LogBackend& LogBackend::Instance()
+{
+    static LogBackend* const pBackend = Start();
+    return *pBackend;
+}
+
+LogBackend* LogBackend::InstanceIfStarted() noexcept
+{
+    return g_pStarted.load(std::memory_order_acquire);
+}
+
+bool LogBackend::IsForked() noexcept
+{
+    return g_bForked.load(std::memory_order_relaxed);
+}
+
+/// Runs once, in the first thread that logs, while others that log wait. So nothing in here may log by way of
+/// TarnDebugMgr.
+LogBackend* LogBackend::Start()
+{
+    auto* pBackend = new LogBackend;
+    g_pStarted.store(pBackend, std::memory_order_release);
+    pBackend->Configure();
+    pthread_atfork(nullptr, nullptr, [] { g_bForked = true; });
+    std::atexit([] { InstanceIfStarted()->FlushAtExit(); });
+    return pBackend;
+}
+
+LogBackend::LogBackend()
+    : m_pLogger(std::make_shared<spdlog::async_logger>("", std::make_shared<QueueEnd>(*this),
+                                                       std::weak_ptr<spdlog::details::thread_pool>()))
+{
+    // Handle lets nothing out. spdlog's own way to tell would be a line on stderr.
+    m_pLogger->set_error_handler([](const std::string&) {});
+    const SignalsBlocked blocked;
+    m_pQueue = std::make_shared<spdlog::details::thread_pool>(
+        QUEUE_LINES, 1, [] { pthread_setname_np(pthread_self(), "tarnlog"); });
+}
+
+void LogBackend::Configure() noexcept
+{
+    try
+    {
+        std::vector<IniReport> reports;
+        Adopt(ReadLogSettings(reports));
+        for (const IniReport& report : reports)
+            Post(BASEUTIL_TAG, report.eLevel, report.strText.c_str(), false, false);
+    }
+    catch (...)
+    {
+        Post(BASEUTIL_TAG, TARN_LOG_RESOURCE, "No memory to read the log's settings\n", false, false);
+    }
+}
+
+void LogBackend::Adopt(LogSettings settings)
+{
+    m_iLevel = settings.iLevel;
+    const std::lock_guard<std::mutex> lock(m_SettingsMutex);
+    m_Settings = std::move(settings);
+    ++m_uGeneration;
+}
+
+bool LogBackend::Post(const std::string& strTag, int iLevel, const char* pszText, bool bPrint,
+                      bool bLog) noexcept
+{
+    const LogRoute route = {bPrint, bLog || iLevel <= m_iLevel.load(std::memory_order_relaxed)};
+    if (!route.bPrint && !route.bLog)
+        return false;
+    const int iKnownLevel = iLevel < TARN_LOG_RESOURCE ? TARN_LOG_RESOURCE
+                            : iLevel > TARN_LOG_INFO   ? TARN_LOG_INFO
+                                                       : iLevel;
+    if (iKnownLevel == TARN_LOG_INFO && IsCrowded() && Drop())
+        return false;
+    const bool bTaken = Enqueue(strTag, iKnownLevel, pszText, route);
+    if (iKnownLevel <= TARN_LOG_ERROR)
+        m_Hurry.notify_one(); // it may be the last line before a crash
+    if (m_bExiting && !m_bStalled && !Flush(EXIT_FLUSH_TIME))
+        m_bStalled = true;
+    return bTaken;
+}
+
+bool LogBackend::Enqueue(const std::string& strTag, int iLevel, const char* pszText, LogRoute route) noexcept
+{
+    using spdlog::string_view_t;
+    // Counted before it is queued, so that no count of departed lines gets ahead of it.
+    if (++m_uPosted % HURRY_LINES == 0)
+        m_Hurry.notify_one(); // a burst
+    try
+    {
+        m_pQueue->post_log(std::shared_ptr<spdlog::async_logger>(m_pLogger),
+                           {spdlog::source_loc{nullptr, Pack(iLevel, route), nullptr},
+                            string_view_t(strTag.data(), strTag.size()), spdlog::level::info,
+                            string_view_t(pszText, std::strlen(pszText))},
+                           spdlog::async_overflow_policy::overrun_oldest);
+        return true;
+    }
+    catch (...)
+    {
+        ++m_uDropped; // no memory to copy the text; reported with the next line
+        --m_uPosted;
+        return false;
+    }
+}
+
+bool LogBackend::IsCrowded() const
+{
+    const std::uint64_t uDeparted = m_uDeparted;
+    return m_uPosted - uDeparted > CROWDED_LINES;
+}
+
+/// Counts a line as dropped. @return false when it has to be queued after all
+bool LogBackend::Drop()
+{
+    ++m_uDropped;
+    if (m_uDeparted < m_uPosted)
+        return true; // the log thread looks at the count once more after the line that it still has to handle
+    // The queue has drained meanwhile, and perhaps nobody will come to report the drop. So it is taken back,
+    // unless it has been fetched already.
+    std::uint64_t uDropped = m_uDropped;
+    while (uDropped > 0 && !m_uDropped.compare_exchange_weak(uDropped, uDropped - 1))
+    {}
+    return uDropped == 0;
+}
+
+bool LogBackend::Flush(std::chrono::milliseconds timeout)
+{
+    const auto tDeadline = std::chrono::steady_clock::now() + timeout;
+    const std::uint64_t uTarget = m_uPosted;
+    ++m_uFlushers;
+    m_Hurry.notify_one();
+    std::unique_lock<std::mutex> lock(m_FlushMutex);
+    const bool bDone = m_FlushDone.wait_until(lock, tDeadline, [&] { return m_uFlushed >= uTarget; });
+    lock.unlock();
+    --m_uFlushers;
+    return bDone;
+}
+
+void LogBackend::FlushAtExit()
+{
+    if (IsForked())
+        return;
+    m_bExiting = true;
+    if (!Flush(EXIT_FLUSH_TIME))
+        m_bStalled = true;
+}
+
+void LogBackend::Handle(const spdlog::details::log_msg& msg) noexcept
+{
+    WriteQueued(msg);
+    ++m_uHandled;
+    m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
+    ReportDrops(); // after m_uDeparted is set, see Drop
+    FlushIfDue(LevelOf(msg) <= TARN_LOG_ERROR);
+    Linger();
+}
+
+void LogBackend::WriteQueued(const spdlog::details::log_msg& msg) noexcept
+{
+    try
+    {
+        AdoptSettings();
+        if (!m_Writer.Write(msg, LevelOf(msg), RouteOf(msg)))
+            ++m_uUnreported;
+    }
+    catch (...)
+    {
+        ++m_uUnreported; // no memory to format it
+    }
+}
+
+void LogBackend::AdoptSettings()
+{
+    if (m_uAdopted == m_uGeneration)
+        return;
+    std::unique_lock<std::mutex> lock(m_SettingsMutex);
+    m_uAdopted = m_uGeneration;
+    LogSettings settings = m_Settings;
+    lock.unlock();
+    m_Writer.Configure(std::move(settings));
+}
+
+void LogBackend::ReportDrops() noexcept
+{
+    const std::uint64_t uOverrun = m_pQueue->overrun_counter();
+    m_uUnreported += uOverrun - m_uOverrunSeen + m_uDropped.exchange(0) + m_Writer.TakeLost();
+    m_uOverrunSeen = uOverrun;
+    const auto tNow = std::chrono::steady_clock::now();
+    const bool bWorthIt = tNow >= m_tNextReport || m_uFlushers != 0 || m_pQueue->queue_size() == 0;
+    if (m_uUnreported == 0 || !bWorthIt)
+        return;
+    m_tNextReport = tNow + REPORT_INTERVAL;
+    try
+    {
+        if (m_Writer.WriteOwn(std::to_string(m_uUnreported) + " log lines were dropped\n"))
+            m_uUnreported = 0;
+    }
+    catch (...)
+    {
+        // No memory: the number stays for the next time.
+    }
+}
+
+void LogBackend::FlushIfDue(bool bUrgent) noexcept
+{
+    if (!bUrgent && m_uFlushers == 0 && !m_Writer.IsFlushDue() && m_pQueue->queue_size() != 0)
+        return;
+    m_Writer.Flush();
+    {
+        const std::lock_guard<std::mutex> lock(m_FlushMutex);
+        m_uFlushed = m_uDeparted;
+    }
+    m_FlushDone.notify_all();
+}
+
+/// Waits for the next line without sleeping on the queue: waking a sleeper costs the caller of Trace many
+/// times what a line does otherwise. After a while of silence the queue is the better place to wait.
+void LogBackend::Linger() noexcept
+{
+    const auto tEnd = std::chrono::steady_clock::now() + LINGER_TIME;
+    std::unique_lock<std::mutex> lock(m_FlushMutex);
+    while (m_pQueue->queue_size() == 0 && std::chrono::steady_clock::now() < tEnd)
+        m_Hurry.wait_for(lock, LINGER_NAP);
+}

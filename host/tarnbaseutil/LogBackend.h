@@ -1,0 +1,108 @@
+#ifndef TARN_HOST_LOGBACKEND_H
+#define TARN_HOST_LOGBACKEND_H
+
+#include "LogSettings.h"
+#include "LogWriter.h"
+
+#include <spdlog/async_logger.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+/// The default log: a bounded queue, and a thread that writes what is in it.
+///
+/// Every line that Post takes is either written or counted. What is counted goes to the log as one line as
+/// soon as the log thread writes again, so that lines and numbers together are all the lines there were.
+///
+/// There is one for the process, and it is never destroyed: lines are logged before main and by statics that
+/// are destroyed after everything else, and waiting for a thread that a disk holds would keep the process.
+class LogBackend
+{
+public:
+    /// The process's backend; the first call starts it. An exception means it could not be started, and the
+    /// next call tries again.
+    static LogBackend& Instance();
+
+    /// The process's backend if it has been started, else null.
+    static LogBackend* InstanceIfStarted() noexcept;
+
+    /// True in a child process made by fork, which has a copy of the queue but no thread that empties it. The
+    /// locks may be held there by nobody: Post and Flush must not be called.
+    static bool IsForked() noexcept;
+
+    /// Queues one line if its level or its flags let it through. Never waits, except after the process has
+    /// begun to exit. Any thread.
+    /// @return true when the line has been queued
+    bool Post(const std::string& strTag, int iLevel, const char* pszText, bool bPrint, bool bLog) noexcept;
+
+    /// Waits until all lines of before have been written, flushed or counted. Any thread but the log's own.
+    bool Flush(std::chrono::milliseconds timeout);
+
+    /// Reads the settings again and has the log thread open the log anew. Any thread.
+    void Configure() noexcept;
+
+    LogBackend(const LogBackend&) = delete;
+    LogBackend& operator=(const LogBackend&) = delete;
+
+private:
+    class QueueEnd;
+
+    static LogBackend* Start();
+
+    LogBackend();
+    ~LogBackend() = default;
+
+    void Adopt(LogSettings settings);
+    bool Enqueue(const std::string& strTag, int iLevel, const char* pszText, LogRoute route) noexcept;
+    bool IsCrowded() const;
+    bool Drop();
+    void FlushAtExit();
+
+    // Run on the log thread.
+    void Handle(const spdlog::details::log_msg& msg) noexcept;
+    void WriteQueued(const spdlog::details::log_msg& msg) noexcept;
+    void AdoptSettings();
+    void ReportDrops() noexcept;
+    void FlushIfDue(bool bUrgent) noexcept;
+    void Linger() noexcept;
+
+    // Constant after construction. The queue is spdlog's, with a lock of its own.
+    std::shared_ptr<spdlog::details::thread_pool> m_pQueue;
+    std::shared_ptr<spdlog::async_logger> m_pLogger;
+
+    // Read and written by every thread.
+    std::atomic<int> m_iLevel{TARN_LOG_WARNING};
+    std::atomic<std::uint64_t> m_uPosted{0};   ///< lines queued or about to be
+    std::atomic<std::uint64_t> m_uDeparted{0}; ///< lines that have left the queue; written by the log thread
+    std::atomic<std::uint64_t> m_uDropped{0};  ///< lines kept out of the queue, not yet fetched for a report
+    std::atomic<unsigned> m_uFlushers{0};      ///< threads in Flush
+    std::atomic<unsigned> m_uGeneration{0};    ///< of m_Settings
+    std::atomic<bool> m_bExiting{false};       ///< from now on every line is flushed by its caller
+    std::atomic<bool> m_bStalled{false};       ///< while exiting, a flush ran out of time: no more waiting
+
+    // Guarded by m_SettingsMutex.
+    std::mutex m_SettingsMutex;
+    LogSettings m_Settings;
+
+    // Guarded by m_FlushMutex. The queue's lock may be taken with it held, no other.
+    std::mutex m_FlushMutex;
+    std::condition_variable m_FlushDone;
+    std::condition_variable m_Hurry; ///< the log thread is to look at the queue; a missed signal costs a nap
+    std::uint64_t m_uFlushed = 0;    ///< m_uDeparted as of the last flush
+
+    // The log thread's own.
+    LogWriter m_Writer;
+    unsigned m_uAdopted = 0;      ///< generation of the settings in use
+    std::uint64_t m_uHandled = 0; ///< lines taken out of the queue
+    std::uint64_t m_uOverrunSeen =
+        0; ///< lines pushed out of the full queue, as far as counted in m_uUnreported
+    std::uint64_t m_uUnreported = 0; ///< dropped lines still to be reported
+    std::chrono::steady_clock::time_point m_tNextReport;
+};
+
+#endif

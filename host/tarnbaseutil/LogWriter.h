@@ -1,0 +1,71 @@
+#ifndef TARN_HOST_LOGWRITER_H
+#define TARN_HOST_LOGWRITER_H
+
+#include "LogSettings.h"
+
+#include <spdlog/details/log_msg.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/sink.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+/// Where a line is to go.
+struct LogRoute
+{
+    bool bPrint; ///< to the console
+    bool bLog;   ///< to the log
+};
+
+/// Writes lines to the log file and to stderr. It belongs to the log thread: only that one calls it, and it
+/// may take as long as a disk or a terminal takes.
+///
+/// Lines that the log file does not take go to stderr, also those which it had seemed to take but lost when
+/// it was flushed.
+class LogWriter
+{
+public:
+    LogWriter();
+
+    /// Takes new settings. The old file is closed, the new one opened with the next line that goes there.
+    void Configure(LogSettings settings);
+
+    /// Writes one line. msg carries the tag, the time, the thread and the text; the line feed at the text's
+    /// end is optional.
+    /// @return false when the line has got nowhere
+    bool Write(const spdlog::details::log_msg& msg, int iLevel, LogRoute route);
+
+    /// Writes a line of the log's own, at level 1. @return as Write
+    bool WriteOwn(const std::string& strText);
+
+    /// Makes what has been written reach the disk's cache.
+    void Flush();
+
+    /// True when much has been written since the last flush.
+    bool IsFlushDue() const { return m_strUnflushed.size() > MAX_UNFLUSHED; }
+
+    /// How many lines got nowhere although Write said otherwise, since this was last asked.
+    std::uint64_t TakeLost();
+
+private:
+    static constexpr std::size_t MAX_UNFLUSHED = 65536;
+
+    bool WriteToFile(const std::string& strLine, bool bShown);
+    bool OpenFile();
+    void FileFailed(const char* pszReason);
+    void FileWorksAgain();
+
+    LogSettings m_Settings;
+    spdlog::pattern_formatter m_Formatter;
+    std::unique_ptr<spdlog::sinks::sink> m_pFile;   ///< null: not opened yet, or it failed
+    std::chrono::steady_clock::time_point m_tRetry; ///< before this a failed file is left alone
+    bool m_bFailing = false;                        ///< a failure has been reported, nothing written since
+    std::uint64_t m_uAstray = 0;                    ///< lines meant for the file while it was failing
+    std::string m_strUnflushed;                     ///< lines in the file's buffer, seen nowhere else
+    std::uint64_t m_uUnflushed = 0;                 ///< their number
+    std::uint64_t m_uLost = 0;
+};
+
+#endif
