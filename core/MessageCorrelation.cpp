@@ -1,0 +1,165 @@
+#include "core/MessageUnit.h"
+#include "tarnadapterframe/TEAdapterManager.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+
+int TEAdapterManager::RegisterPrivateMessage(TEMessage* pSource, TEMessageAdapter* pMsgAdapter,
+                                             void* pUserData, int nTimeOut)
+{
+    if (pSource == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TEAdapterManager::RegisterPrivateMessage fail, input para pSource=NULL\n");
+        return -1;
+    }
+    if (pMsgAdapter == nullptr)
+    {
+        TarnAdapterFrmtTrace(2,
+                             "TEAdapterManager::RegisterPrivateMessage fail, input para pMsgAdapter=NULL\n");
+        return -1;
+    }
+    const TEMessageUnit sourceUnit = UnitOf(*pSource);
+
+    const TarnGuard guard(m_MsgMapMtx);
+    TEMessageInfo& info =
+        m_mapMsgInfo.try_emplace(sourceUnit, pSource, pMsgAdapter, nullptr, nTimeOut).first->second;
+    if (pUserData != nullptr)
+        info.SetUserData(pUserData);
+    return 0;
+}
+
+int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
+{
+    if (pSource == nullptr || pSink == nullptr)
+    {
+        TarnAdapterFrmtTrace(2,
+                             "TEAdapterManager::RegisterMessage fail, input para pSource or pSink is NULL\n");
+        return -1;
+    }
+    const TEMessageUnit sourceUnit = UnitOf(*pSource);
+    const TEMessageUnit sinkUnit = UnitOf(*pSink);
+
+    const TarnGuard guard(m_MsgMapMtx);
+    auto it = m_mapMsgInfo.find(sourceUnit);
+    if (it == m_mapMsgInfo.end())
+    {
+        TarnAdapterFrmtTrace(3, "TEAdapterManager::RegisterMessage, cannot find source msg in the map\n");
+        it = m_mapMsgInfo.try_emplace(sourceUnit).first;
+        it->second.pSource = pSource;
+    }
+    it->second.AddSinkMessage(sinkUnit);
+    m_mapSinkToSource.try_emplace(sinkUnit, sourceUnit);
+    return 0;
+}
+
+int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
+{
+    if (pSource == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TEAdapterManager::UnRegisterSourceMessage fail, input para pSource=null\n");
+        return -1;
+    }
+    const TEMessageUnit sourceUnit = UnitOf(*pSource);
+
+    const TarnGuard guard(m_MsgMapMtx);
+    const auto it = m_mapMsgInfo.find(sourceUnit);
+    if (it == m_mapMsgInfo.end())
+    {
+        TarnAdapterFrmtTrace(2,
+                             "TEAdapterManager::UnRegisterSourceMessage, not found source message in map.\n");
+        return 0;
+    }
+    for (const TEMessageUnit& sinkUnit : it->second.lstSinkUnit)
+        m_mapSinkToSource.erase(sinkUnit);
+    m_mapMsgInfo.erase(it);
+    return 0;
+}
+
+int TEAdapterManager::UnRegisterSinkMessage(TEMessage* pSinkMsg)
+{
+    if (pSinkMsg == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TEAdapterManager::UnRegisterSinkMessage fail, input para pSinkMsg=NULL\n");
+        return -1;
+    }
+    const TEMessageUnit sinkUnit = UnitOf(*pSinkMsg);
+
+    const TarnGuard guard(m_MsgMapMtx);
+    const auto it = m_mapSinkToSource.find(sinkUnit);
+    if (it == m_mapSinkToSource.end())
+    {
+        TarnAdapterFrmtTrace(
+            2, "TEAdapterManager::UnRegisterSinkMessage, not found sink message in map table.\n");
+        return 0;
+    }
+    const auto itInfo = m_mapMsgInfo.find(it->second);
+    if (itInfo != m_mapMsgInfo.end())
+        itInfo->second.DeleteSinkMessage(sinkUnit);
+    else
+        TarnAdapterFrmtTrace(1,
+                             "TEAdapterManager::UnRegisterSinkMessage, not found sink message in source.\n");
+    m_mapSinkToSource.erase(it);
+    return 0;
+}
+
+int TEAdapterManager::AcquireMsgMapMtx()
+{
+    return m_MsgMapMtx.acquire();
+}
+
+int TEAdapterManager::ReleaseMsgMapMtx()
+{
+    return m_MsgMapMtx.release();
+}
+
+TEAdapterManager::MapSinkToSource::iterator TEAdapterManager::FindSrcMsgUnit(const TEMessageUnit& sinkUnit,
+                                                                             bool& bFound)
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    const auto it = m_mapSinkToSource.find(sinkUnit);
+    bFound = it != m_mapSinkToSource.end();
+    if (!bFound)
+        TarnAdapterFrmtTrace(2, "Not find Source message in map.\n");
+    return it;
+}
+
+TEAdapterManager::MapMsgInfo::iterator TEAdapterManager::FindSrcMsgInfo(const TEMessageUnit& sourceUnit,
+                                                                        bool& bFound)
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    const auto it = m_mapMsgInfo.find(sourceUnit);
+    bFound = it != m_mapMsgInfo.end();
+    if (!bFound)
+        TarnAdapterFrmtTrace(2, "Not find Source message info in map.\n");
+    return it;
+}
+
+int TEAdapterManager::EraseFromUnitMap(MapSinkToSource::iterator it)
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    if (it == m_mapSinkToSource.end())
+        return -1;
+    m_mapSinkToSource.erase(it);
+    return 0;
+}
+
+int TEAdapterManager::EraseFromInfoMap(MapMsgInfo::iterator it)
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    if (it == m_mapMsgInfo.end())
+        return -1;
+    m_mapMsgInfo.erase(it);
+    return 0;
+}
+
+int TEAdapterManager::InsertToUnitMap(const MapSinkToSource::value_type& entry)
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    m_mapSinkToSource.insert(entry);
+    return 0;
+}
+
+int TEAdapterManager::InsertToInfoMap(const MapMsgInfo::value_type& entry)
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    m_mapMsgInfo.insert(entry);
+    return 0;
+}

@@ -1,0 +1,177 @@
+#include "core/ApplicationCall.h"
+#include "core/LogArguments.h"
+#include "core/ManagerParts.h"
+#include "tarnadapterframe/TEAdapterManager.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TarnProtocolAdapter.h"
+#include "tarnadapterframe/tarnbaseutil.h"
+
+int TEAdapterManager::RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr,
+                                              bool bStartAsyncIO)
+{
+    if (pProtocolMgr == nullptr)
+    {
+        TarnAdapterFrmtTrace(
+            1, "TEAdapterManager::RegisterProtocolAdapter fail, input para pProtocolMgr=NULL\n");
+        return -1;
+    }
+    if (ulProtocolID == 0)
+    {
+        TarnAdapterFrmtTrace(1,
+                             "TEAdapterManager::RegisterProtocolAdapter fail, input para ulProtocolID=0\n");
+        return -1;
+    }
+    if (!InsertProtocolAdapter(ulProtocolID, pProtocolMgr))
+    {
+        TarnAdapterFrmtTrace(2, "RegisterProtocolAdapter, the protocol(ID=%d) is already registed",
+                             AsInt(ulProtocolID));
+        return 1;
+    }
+    if (bStartAsyncIO && !RequestAsyncIO())
+    {
+        TarnAdapterFrmtTrace(1, "TEAdapterManager::RegisterProtocolAdapter fail to  start AsyncIO.\n");
+        UnRegisterProtocolAdapter(ulProtocolID);
+        return -1;
+    }
+    return 0;
+}
+
+bool TEAdapterManager::InsertProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr)
+{
+    const TarnGuard guard(m_RegistryMutex);
+    if (!m_mapProtocolAdapter.try_emplace(ulProtocolID, pProtocolMgr).second)
+        return false;
+    if (pProtocolMgr != m_pBuiltInAdapter)
+        m_setOwnedAdapter.insert(pProtocolMgr);
+    return true;
+}
+
+// Starts asynchronous I/O, or leaves the wish for Init while the manager is not started. The flag is set
+// before the started flag is looked at, and Init looks at them in the other order, so that between them no
+// wish is lost.
+bool TEAdapterManager::RequestAsyncIO()
+{
+    if (!s_bStarted)
+    {
+        s_bAsyncIOPending = true;
+        if (!s_bStarted)
+            return true;
+    }
+    return StartAsyncIO() >= 0;
+}
+
+int TEAdapterManager::StartAsyncIO()
+{
+    return g_ManagerParts.pfnStartAsyncIO != nullptr ? g_ManagerParts.pfnStartAsyncIO() : -1;
+}
+
+int TEAdapterManager::UnRegisterProtocolAdapter(std::uint32_t ulProtocolID)
+{
+    {
+        const TarnGuard guard(m_RegistryMutex);
+        const auto it = m_mapProtocolAdapter.find(ulProtocolID);
+        if (it != m_mapProtocolAdapter.end())
+        {
+            m_mapRetiredAdapter.insert(*it);
+            m_mapProtocolAdapter.erase(it);
+            return 0;
+        }
+    }
+    TarnAdapterFrmtTrace(2, "UnRegisterProtocolAdapter(ID = %d) failed\n", AsInt(ulProtocolID));
+    return -1;
+}
+
+TarnProtocolAdapter* TEAdapterManager::GetProtocolAdapter(std::uint32_t ulProtocolID)
+{
+    {
+        const TarnGuard guard(m_RegistryMutex);
+        const auto it = m_mapProtocolAdapter.find(ulProtocolID);
+        if (it != m_mapProtocolAdapter.end())
+            return it->second;
+    }
+    TarnAdapterFrmtTrace(2, "GetProtocolAdapter(ID = %d) failed,ProtocolAdapter not registed\n",
+                         AsInt(ulProtocolID));
+    return nullptr;
+}
+
+int TEAdapterManager::CheckMessageValid(void* pHandle, std::vector<unsigned char>& data,
+                                        std::uint32_t ulProtocolID)
+{
+    if (TarnAppIsExit())
+        return 0;
+    TarnProtocolAdapter* pAdapter = GetProtocolAdapter(ulProtocolID);
+    if (pAdapter == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "Attention! not find protocols(ID = %d) ! \n", AsInt(ulProtocolID));
+        return 0;
+    }
+    int iResult = -1;
+    CallApplication("CheckMessageValid", typeid(*pAdapter),
+                    [&] { iResult = pAdapter->CheckMessageValid(pHandle, data); });
+    if (iResult >= 0)
+        return iResult;
+    if (iResult == -2 || iResult == -3)
+    {
+        TarnAdapterFrmtTrace(2,
+                             "Attention! Message if valid but the count is not enough, data has not received "
+                             "completely,count is %d \n",
+                             iResult);
+        return 0;
+    }
+    TarnAdapterFrmtTrace(2, "Attention! Message not valid for protocol,count is %d \n", iResult);
+    return -1;
+}
+
+// Deletes every adapter that was ever taken over, each once. No lock is held while an adapter's destructor
+// runs, and those that wait for their turn can still be found by it.
+void TEAdapterManager::DeleteProtocolAdapters()
+{
+    for (AdapterEntry entry = TakeRegistered(); entry.second != nullptr; entry = TakeRegistered())
+    {
+        TarnAdapterFrmtTrace(1, "while ~TEAdapterManager,protocol(ID=%d) has not unregist",
+                             AsInt(entry.first));
+        DeleteIfOwned(entry.second);
+    }
+    for (AdapterEntry entry = TakeRetired(); entry.second != nullptr; entry = TakeRetired())
+        DeleteIfOwned(entry.second);
+    // What is left was unregistered under an id that another adapter had been unregistered under before.
+    while (TarnProtocolAdapter* pAdapter = FirstOwned())
+        DeleteIfOwned(pAdapter);
+}
+
+TEAdapterManager::AdapterEntry TEAdapterManager::TakeFirst(AdapterMap& mapAdapter)
+{
+    if (mapAdapter.empty())
+        return {0, nullptr};
+    const AdapterEntry entry = *mapAdapter.begin();
+    mapAdapter.erase(mapAdapter.begin());
+    return entry;
+}
+
+TEAdapterManager::AdapterEntry TEAdapterManager::TakeRegistered()
+{
+    const TarnGuard guard(m_RegistryMutex);
+    return TakeFirst(m_mapProtocolAdapter);
+}
+
+TEAdapterManager::AdapterEntry TEAdapterManager::TakeRetired()
+{
+    const TarnGuard guard(m_RegistryMutex);
+    return TakeFirst(m_mapRetiredAdapter);
+}
+
+TarnProtocolAdapter* TEAdapterManager::FirstOwned()
+{
+    const TarnGuard guard(m_RegistryMutex);
+    return m_setOwnedAdapter.empty() ? nullptr : *m_setOwnedAdapter.begin();
+}
+
+void TEAdapterManager::DeleteIfOwned(TarnProtocolAdapter* pAdapter)
+{
+    {
+        const TarnGuard guard(m_RegistryMutex);
+        if (m_setOwnedAdapter.erase(pAdapter) == 0)
+            return;
+    }
+    delete pAdapter;
+}

@@ -1,0 +1,11 @@
+#include "tarnadapterframe/TarnAdapterObject.h"
+
+// The registrars of the framework's own classes stand together in this file: only inside one file is the
+// order in which statics are constructed the order in which they are written, whatever the order of linking.
+// The chain reads the last one first.
+
+namespace {
+
+const TARN_ADAPTER_CLASSINIT g_InitTarnAdapterObject(&TarnAdapterObject::classTarnAdapterObject);
+
+} // namespace

@@ -1,0 +1,256 @@
+#include "tarnadapterframe/TEAdapterManager.h"
+
+#include "core/LogArguments.h"
+#include "core/ManagerParts.h"
+#include "core/MessageAdapterTable.h"
+#include "core/ReactorDescriptors.h"
+#include "core/TEMessageTimer.h"
+#include "core/ThreadsLeft.h"
+#include "platform/tarnplatform.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+
+#include <ace/Guard_T.h>
+#include <ace/High_Res_Timer.h>
+#include <ace/Object_Manager.h>
+#include <ace/Reactor.h>
+#include <ace/Signal.h>
+#include <ace/Timer_Queue.h>
+
+#include <cerrno>
+#include <csignal>
+#include <new>
+
+// Constant-initialised: the manager may be used before main.
+ManagerParts g_ManagerParts;
+
+std::atomic<TEAdapterManager*> TEAdapterManager::m_pInstance{nullptr};
+std::atomic<bool> TEAdapterManager::s_bStarted{false};
+std::atomic<bool> TEAdapterManager::s_bAsyncIOPending{false};
+
+namespace {
+
+constexpr DWORD THREAD_POLL_MS = 1000;
+constexpr DWORD REACTOR_ERROR_PAUSE_MS = 100;
+
+} // namespace
+
+TEAdapterManager* TEAdapterManager::Instance()
+{
+    if (m_pInstance.load(std::memory_order_acquire) == nullptr)
+    {
+        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance(), nullptr);
+        if (m_pInstance.load(std::memory_order_relaxed) == nullptr)
+            m_pInstance.store(new (std::nothrow) TEAdapterManager, std::memory_order_release);
+    }
+    return m_pInstance.load(std::memory_order_acquire);
+}
+
+void TEAdapterManager::Destroy()
+{
+    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
+    // The pointer is cleared last: the timer thread, which is waited for in here, still asks for the manager,
+    // and must find it without taking the lock that this thread holds.
+    delete m_pInstance.load(std::memory_order_acquire);
+    m_pInstance.store(nullptr, std::memory_order_release);
+}
+
+TEAdapterManager::TEAdapterManager()
+    : m_pTimerThreadsLeft(std::make_unique<ThreadsLeft>())
+{
+    if (g_ManagerParts.pfnBuiltInAdapter == nullptr)
+        return;
+    m_pBuiltInAdapter = g_ManagerParts.pfnBuiltInAdapter();
+    RegisterProtocolAdapter(BUILT_IN_PROTOCOL_ID, m_pBuiltInAdapter, false);
+}
+
+TEAdapterManager::~TEAdapterManager()
+{
+    if (m_pBuiltInAdapter != nullptr)
+        UnRegisterProtocolAdapter(BUILT_IN_PROTOCOL_ID);
+    if (s_bStarted)
+        StopThreads();
+    ClearMessageMaps();
+    DeleteProtocolAdapters();
+    WaitForTimerThread();
+    DeleteReactor();
+    TarnAdapterFrmtTrace(3, "~TEAdapterManager success!\n");
+}
+
+int TEAdapterManager::Init()
+{
+    if (s_bStarted)
+    {
+        TarnAdapterTrace(2, "TEAdapterManager::Init ,Init again", true, false);
+        return 0;
+    }
+    if (!DistributeMessageAdapters() || !CreateReactor() || !CreateMessageTimer() || !SpawnTimerThread())
+        return -1;
+    s_bStarted = true;
+    if (s_bAsyncIOPending)
+        StartAsyncIO();
+    return 0;
+}
+
+bool TEAdapterManager::CreateReactor()
+{
+    if (ReactorDescriptorsAvailable())
+        m_pReactor = new (std::nothrow) ACE_Reactor;
+    if (m_pReactor == nullptr || m_pReactor->initialized() == 0)
+    {
+        DeleteReactor();
+        TarnAdapterFrmtTrace(0, "TEAdapterManager::Init ,failed to new ACE_Reactor");
+        return false;
+    }
+    // A steady clock, so that a change of the system's moves no timer.
+    m_pReactor->timer_queue()->gettimeofday(&ACE_High_Res_Timer::gettimeofday_hr);
+    return true;
+}
+
+bool TEAdapterManager::CreateMessageTimer()
+{
+    m_pMessageTimer = new (std::nothrow) TEMessageTimer;
+    if (m_pMessageTimer == nullptr)
+    {
+        DeleteReactor();
+        TarnAdapterFrmtTrace(0, "TEAdapterManager::Init ,failed to new TEMessageTimer");
+        return false;
+    }
+    const ACE_Time_Value tick(TEMessageTimer::TICK_SECONDS);
+    if (m_pReactor->schedule_timer(m_pMessageTimer, nullptr, tick, tick) == -1)
+    {
+        DeleteMessageTimer();
+        DeleteReactor();
+        TarnAdapterFrmtTrace(1, "schedule_timer error in TEAdapterManager::Init! \n");
+        return false;
+    }
+    return true;
+}
+
+bool TEAdapterManager::SpawnTimerThread()
+{
+    m_TimerThreadStarted.reset();
+    if (ACE_Thread::spawn(&TEAdapterManager::StartTimerEventLoop, this, THR_DETACHED) == -1)
+    {
+        m_pReactor->cancel_timer(m_pMessageTimer);
+        DeleteMessageTimer();
+        DeleteReactor();
+        TarnAdapterFrmtTrace(
+            1, "TEAdapterManager::Init,failed to spawn thread, which is to handle timer events");
+        return false;
+    }
+    // Until the thread has counted itself, a destructor would not know that it must wait for it.
+    m_TimerThreadStarted.wait();
+    return true;
+}
+
+void TEAdapterManager::DeleteMessageTimer()
+{
+    delete m_pMessageTimer;
+    m_pMessageTimer = nullptr;
+}
+
+void TEAdapterManager::DeleteReactor()
+{
+    delete m_pReactor;
+    m_pReactor = nullptr;
+}
+
+ACE_THR_FUNC_RETURN TEAdapterManager::StartTimerEventLoop(void* p)
+{
+    if (p == nullptr)
+        TarnAdapterFrmtTrace(1, "TEAsyncIOMgrImpl_::StartTimerEventLoop error, input para p=null\n");
+    else
+        static_cast<TEAdapterManager*>(p)->RunTimerEventLoop();
+    return {};
+}
+
+void TEAdapterManager::RunTimerEventLoop()
+{
+    m_pTimerThreadsLeft->Enter();
+    const std::uint32_t ulThreadId = Low32(ACE_Thread::self());
+    TarnAdapterFrmtTrace(3, "TEAdapterManager Thread process timer eventLoop is 0x%x. \n", ulThreadId);
+    if (m_pReactor == nullptr)
+    {
+        TarnAdapterFrmtTrace(
+            3, "Thread process timer eventLoop is 0x%x. quit because of NULLACE_Reactor  *\n", ulThreadId);
+        m_TimerThreadStarted.signal();
+        return;
+    }
+    AddToTimerThreadCount(1);
+    m_TimerThreadStarted.signal();
+    {
+        ACE_Sig_Set signals(true);
+        signals.sig_del(SIGINT);
+        signals.sig_del(0);
+        const ACE_Sig_Guard signalGuard(&signals);
+        m_pReactor->owner(ACE_Thread::self());
+        while (m_pReactor->reactor_event_loop_done() == 0)
+        {
+            // A reactor that fails at once, again and again, must not take a processor with it.
+            if (m_pReactor->handle_events() == -1 && errno != EINTR &&
+                m_pReactor->reactor_event_loop_done() == 0)
+                Sleep(REACTOR_ERROR_PAUSE_MS);
+        }
+    }
+    // The manager may be gone as soon as the count is 0: nothing of it is touched afterwards.
+    AddToTimerThreadCount(-1);
+    TarnAdapterFrmtTrace(3, "TEAdapterManager Quit Thread process eventLoop is 0x%x. \n", ulThreadId);
+}
+
+int TEAdapterManager::TimerThreadCount()
+{
+    const TarnGuard guard(m_TimerThreadCountLock);
+    return m_nTimerThreadCount;
+}
+
+void TEAdapterManager::AddToTimerThreadCount(int iDelta)
+{
+    const TarnGuard guard(m_TimerThreadCountLock);
+    m_nTimerThreadCount += iDelta;
+}
+
+void TEAdapterManager::StopThreads()
+{
+    if (g_ManagerParts.pfnDestroyAsyncIO != nullptr)
+        g_ManagerParts.pfnDestroyAsyncIO();
+    if (m_pReactor == nullptr)
+        TarnAdapterFrmtTrace(0, "TEAdapterManager::~TEAdapterManager, m_pReactor=null ");
+    else
+        StopMessageTimer();
+    s_bStarted = false;
+}
+
+void TEAdapterManager::StopMessageTimer()
+{
+    if (m_pMessageTimer == nullptr)
+    {
+        TarnAdapterFrmtTrace(0,
+                             "TEAdapterManager::~TEAdapterManager, m_pMessageTimer=null before we remove it "
+                             "from reactor");
+    }
+    else
+    {
+        // Waits for a tick under way, which runs inside the reactor's token, so the timer may be deleted
+        // then.
+        m_pReactor->cancel_timer(m_pMessageTimer);
+        DeleteMessageTimer();
+    }
+    m_pReactor->end_reactor_event_loop();
+}
+
+void TEAdapterManager::ClearMessageMaps()
+{
+    const TarnGuard guard(m_MsgMapMtx);
+    m_mapSinkToSource.clear();
+    m_mapMsgInfo.clear();
+}
+
+void TEAdapterManager::WaitForTimerThread()
+{
+    while (TimerThreadCount() != 0)
+    {
+        TarnAdapterTrace(3, "~TEAdapterManager,waiting for thread to quit\n", true, true);
+        Sleep(THREAD_POLL_MS);
+    }
+    m_pTimerThreadsLeft->WaitUntilNone();
+}

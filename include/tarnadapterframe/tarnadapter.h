@@ -1,0 +1,29 @@
+#ifndef TARNADAPTERFRAME_TARNADAPTER_H
+#define TARNADAPTERFRAME_TARNADAPTER_H
+
+#include "tarnadapterframe/Export.h"
+
+/// Starts and stops the whole library. The host calls both from one thread, before and after all other use.
+/// It may start the library again after a stop, any number of times, and must stop it before it exits.
+class TARN_ADAPTER_API tarnadapter
+{
+public:
+    /// Reads the settings from the host's configuration and starts the adapter manager. A key that the
+    /// configuration does not hold leaves its setting as it is.
+    /// @return 0 when the library runs afterwards, also when it ran before (the settings are then not read
+    ///         again); -1 when it could not be started, with the reason in the log
+    static int Init();
+
+    /// Stops the library: every thread it started has ended and every protocol adapter that was ever
+    /// registered has been deleted when it returns. It logs what it waits for.
+    static void Fini();
+
+    tarnadapter() = delete;
+    ~tarnadapter() = delete;
+
+private:
+    static bool m_bTarnadapterInit; ///< started successfully
+    static bool m_bTarnadapterFini; ///< stopped
+};
+
+#endif

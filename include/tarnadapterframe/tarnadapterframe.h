@@ -1,0 +1,20 @@
+#ifndef TARNADAPTERFRAME_TARNADAPTERFRAME_H
+#define TARNADAPTERFRAME_TARNADAPTERFRAME_H
+
+/// @file
+/// Everything that a protocol adapter or an application needs of the framework.
+
+#include "tarnadapterframe/AdapterTypes.h"
+#include "tarnadapterframe/Export.h"
+#include "tarnadapterframe/TEAdapterManager.h"
+#include "tarnadapterframe/TEMessage.h"
+#include "tarnadapterframe/TEMessageAdapter.h"
+#include "tarnadapterframe/TEMessageInfo.h"
+#include "tarnadapterframe/TarnAdapterObject.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TarnLock.h"
+#include "tarnadapterframe/TarnProtocolAdapter.h"
+#include "tarnadapterframe/TraceHexData.h"
+#include "tarnadapterframe/tarnadapter.h"
+
+#endif

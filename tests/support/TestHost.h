@@ -1,0 +1,62 @@
+#ifndef TARN_TESTS_SUPPORT_TESTHOST_H
+#define TARN_TESTS_SUPPORT_TESTHOST_H
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+/// A line as the library gave it to the host's log.
+struct LogLine
+{
+    std::string strModule;
+    int iLevel;
+    std::string strText;
+    bool bPrint;
+    bool bLog;
+};
+
+/// A host process for tests: while one exists, the library's log, configuration and exit flag are the test's.
+/// One at a time; its operations may be called from any thread.
+class TestHost
+{
+public:
+    TestHost();
+    ~TestHost();
+    TestHost(const TestHost&) = delete;
+    TestHost& operator=(const TestHost&) = delete;
+
+    void SetCfg(const std::string& strKey, const std::string& strValue);
+    /// The keys that were looked up, in order.
+    std::vector<std::string> LookedUpKeys() const;
+
+    void SetAppExit(bool bExit);
+
+    std::vector<LogLine> Lines() const;
+    void ClearLines();
+    /// How many lines have exactly this text and level.
+    int Count(int iLevel, const std::string& strText) const;
+    /// How many lines contain the text, at whatever level.
+    int CountContaining(const std::string& strText) const;
+};
+
+/// A test inside a TestHost; the adapter manager, if the test made one, is destroyed at its end.
+class HostTest : public ::testing::Test
+{
+protected:
+    void TearDown() override;
+
+    TestHost host;
+};
+
+/// Waits until the condition holds, looking every few milliseconds. False when the deadline came first, which
+/// only a failure reaches.
+bool WaitUntil(const std::function<bool()>& condition,
+               std::chrono::seconds deadline = std::chrono::seconds(30));
+
+/// Scales the rounds of a stress test by the environment variable TARN_STRESS_FACTOR (1 unless set).
+int StressRounds(int iRounds);
+
+#endif
