@@ -15,7 +15,7 @@ mv "$work/first" "$work/prefix"
 
 case $consumer in
 find_package)
-    "$CMAKE" -S "$here/find_package" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix"
+    "$CMAKE" -G Ninja -S "$here/find_package" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix"
     "$CMAKE" --build "$work/build"
     "$work/build/consumer"
     ;;
