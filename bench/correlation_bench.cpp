@@ -1,11 +1,12 @@
 // What message correlation costs as work grows.
 //
-//   RegisterFindUnregister/N   one source with one sink is announced, found and unregistered beside N open
-//   sources Tick/N                     one tick of the message timer over N open sources, 1,000 of which
-//   expire (or all of them
-//                              when N is smaller). The library's own timer ticks, every 5 seconds; the
-//                              sources note when the tick reaches the first and when the last expired one is
-//                              reported.
+//   RegisterFindUnregister/N  one source with one sink is announced, found and unregistered beside N open
+//                             sources
+//   Tick/N                    one tick of the message timer over N open sources, 1,000 of which expire (all of
+//                             them when N is smaller)
+//
+// The library's own timer ticks, every 5 seconds; the sources note when the tick reaches the first of them
+// and when the last expired one is reported.
 
 #include <tarnadapterframe/tarnadapterframe.h>
 #include <tarnadapterframe/tarnbaseutil.h>

@@ -1,9 +1,10 @@
 // What the hex trace costs, with the default settings: every block of bytes that a connection sends or
 // receives goes through it. The log goes to a file in a temporary folder.
 //
-//   Render       rendering alone, the host's log takes the text and drops it
-//   CallerCost   what the tracing thread pays while the log's thread writes the file; batches that fit its
-//   queue ToFile       until the lines are in the file
+//   Render      rendering alone, the host's log takes the text and drops it
+//   CallerCost  what the tracing thread pays while the log's thread writes the file; batches that fit its
+//               queue
+//   ToFile      until the lines are in the file
 //
 // items_per_second counts traces, bytes_per_second the bytes traced, and "lost" the traces that did not reach
 // the file.

@@ -32,6 +32,8 @@ void tarnadapter::Fini()
     if (m_bTarnadapterFini)
     {
         TarnAdapterTrace(2, "tarnadapter::Fini ,Fini again", true, false);
+        // A start that failed after the stop, or a late use, has left a manager.
+        TEAdapterManager::Destroy();
         return;
     }
     TEAdapterManager::Destroy();

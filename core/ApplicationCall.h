@@ -4,7 +4,11 @@
 #include <cxxabi.h>
 
 #include <exception>
+#include <new>
 #include <typeinfo>
+
+class TarnAdapterObject;
+struct TarnAdapterRuntimeClass;
 
 /// @file
 /// The way into code that is not the library's: adapters, messages, callbacks. Whatever they throw is logged
@@ -38,6 +42,28 @@ bool CallApplication(const char* pszOperation, const Who& who, Function&& fn)
         LogApplicationException(pszOperation, who, nullptr);
     }
     return false;
+}
+
+/// Record of an object's class; null when the object has none to give.
+const TarnAdapterRuntimeClass* RuntimeClassOf(const TarnAdapterObject& object);
+
+/// Logs at level 0 that pszOperation ran out of memory.
+void LogOutOfMemory(const char* pszOperation);
+
+/// Runs the body of an exported operation that allocates; its result, or `failed` when there was no memory,
+/// which is logged: no exception crosses the library's interface.
+template <class Result, class Function>
+Result WithMemory(const char* pszOperation, Result failed, Function&& fn)
+{
+    try
+    {
+        return fn();
+    }
+    catch (const std::bad_alloc&)
+    {
+        LogOutOfMemory(pszOperation);
+        return failed;
+    }
 }
 
 #endif

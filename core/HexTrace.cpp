@@ -188,7 +188,7 @@ void TraceHexData(const char* pData, int iLength, ETarnAdpterTraceType eTraceTyp
 
 TarnTraceHexDataCBFunc RegisterTraceHexDataCBFunc(TarnTraceHexDataCBFunc pFunc)
 {
-    const TarnTraceHexDataCBFunc pfnOld = g_pfnTraceCallback.load(std::memory_order_acquire);
+    const TarnTraceHexDataCBFunc pfnOld = g_pfnTraceCallback.exchange(pFunc, std::memory_order_acq_rel);
     if (pFunc == nullptr && pfnOld == nullptr)
         TarnAdapterFrmtTrace(1, "RegisterTraceHexDataCBFunc,NULL==pFunc\n");
     else if (pFunc == nullptr)
@@ -200,7 +200,6 @@ TarnTraceHexDataCBFunc RegisterTraceHexDataCBFunc(TarnTraceHexDataCBFunc pFunc)
         TarnAdapterFrmtTrace(
             1, "RegisterTraceHexDataCBFunc,replace TraceFunc(0x%x),the prevenient TraceFunc(0x%x)\n",
             Low32(pFunc), Low32(pfnOld));
-    g_pfnTraceCallback.store(pFunc, std::memory_order_release);
     return pFunc;
 }
 
@@ -210,5 +209,5 @@ std::string OutputBuffer(const char* pData, int iLength)
         return {};
     TextBuffer<OUTPUT_BUFFER_SIZE> text;
     text.AppendHexLines(pData, iLength, MAX_OUTPUT_BYTES);
-    return text.c_str();
+    return WithMemory("OutputBuffer", std::string(), [&] { return std::string(text.c_str()); });
 }

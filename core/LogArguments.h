@@ -1,6 +1,7 @@
 #ifndef TARN_CORE_LOGARGUMENTS_H
 #define TARN_CORE_LOGARGUMENTS_H
 
+#include "core/ApplicationCall.h"
 #include "tarnadapterframe/TarnAdapterObject.h"
 
 #include <cstdint>
@@ -30,7 +31,7 @@ inline int AsInt(std::uint32_t ulNumber)
 /// Class name of an object's record, for "%s".
 inline const char* ClassName(const TarnAdapterObject& object)
 {
-    const TarnAdapterRuntimeClass* pClass = object.GetRuntimeClass();
+    const TarnAdapterRuntimeClass* pClass = RuntimeClassOf(object);
     return pClass != nullptr && pClass->m_pszClassName != nullptr ? pClass->m_pszClassName
                                                                   : "(no class name)";
 }

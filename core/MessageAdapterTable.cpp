@@ -1,5 +1,6 @@
 #include "core/MessageAdapterTable.h"
 
+#include "core/ApplicationCall.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
@@ -38,13 +39,15 @@ TEInitMessageAdapter::TEInitMessageAdapter(std::vector<TEMessageAdapter*>* pMsgA
         TarnAdapterFrmtTrace(1, "TEInitMessageAdapter fail, input para MsgAdapter=null");
         return;
     }
-    if (!CreateTable())
-    {
+    const bool bListed = WithMemory("TEInitMessageAdapter", false, [&] {
+        if (!CreateTable())
+            return false;
+        (*s_Tarn_Te_Msg_Adapter_Map)[pMsgAdapterList].push_back(pMsgAdapter);
+        return true;
+    });
+    if (!bListed)
         TarnAdapterFrmtTrace(
             1, "TEInitMessageAdapter::TEInitMessageAdapter() new s_Tarn_Te_Msg_Adapter_Map failed.");
-        return;
-    }
-    (*s_Tarn_Te_Msg_Adapter_Map)[pMsgAdapterList].push_back(pMsgAdapter);
 }
 
 bool DistributeMessageAdapters()
@@ -54,7 +57,9 @@ bool DistributeMessageAdapters()
         TarnAdapterFrmtTrace(1, "TEAdapterManager::Init() - new s_Tarn_Te_Msg_Adapter_Map failed.");
         return false;
     }
-    for (const auto& [pList, lstCollected] : *s_Tarn_Te_Msg_Adapter_Map)
-        *pList = lstCollected;
-    return true;
+    return WithMemory("TEAdapterManager::Init", false, [] {
+        for (const auto& [pList, lstCollected] : *s_Tarn_Te_Msg_Adapter_Map)
+            *pList = lstCollected;
+        return true;
+    });
 }

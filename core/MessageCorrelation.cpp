@@ -1,3 +1,4 @@
+#include "core/ApplicationCall.h"
 #include "core/MessageUnit.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -16,14 +17,16 @@ int TEAdapterManager::RegisterPrivateMessage(TEMessage* pSource, TEMessageAdapte
                              "TEAdapterManager::RegisterPrivateMessage fail, input para pMsgAdapter=NULL\n");
         return -1;
     }
-    const TEMessageUnit sourceUnit = UnitOf(*pSource);
-
-    const TarnGuard guard(m_MsgMapMtx);
-    TEMessageInfo& info =
-        m_mapMsgInfo.try_emplace(sourceUnit, pSource, pMsgAdapter, nullptr, nTimeOut).first->second;
-    if (pUserData != nullptr)
-        info.SetUserData(pUserData);
-    return 0;
+    TEMessageUnit sourceUnit;
+    if (!GetUnit(*pSource, sourceUnit))
+        return -1;
+    return WithMemory("TEAdapterManager::RegisterPrivateMessage", -1, [&] {
+        const TarnGuard guard(m_MsgMapMtx);
+        const auto it = m_mapMsgInfo.try_emplace(sourceUnit, pSource, pMsgAdapter, nullptr, nTimeOut).first;
+        if (pUserData != nullptr)
+            it->second.SetUserData(pUserData);
+        return 0;
+    });
 }
 
 int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
@@ -34,20 +37,23 @@ int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
                              "TEAdapterManager::RegisterMessage fail, input para pSource or pSink is NULL\n");
         return -1;
     }
-    const TEMessageUnit sourceUnit = UnitOf(*pSource);
-    const TEMessageUnit sinkUnit = UnitOf(*pSink);
-
-    const TarnGuard guard(m_MsgMapMtx);
-    auto it = m_mapMsgInfo.find(sourceUnit);
-    if (it == m_mapMsgInfo.end())
-    {
-        TarnAdapterFrmtTrace(3, "TEAdapterManager::RegisterMessage, cannot find source msg in the map\n");
-        it = m_mapMsgInfo.try_emplace(sourceUnit).first;
-        it->second.pSource = pSource;
-    }
-    it->second.AddSinkMessage(sinkUnit);
-    m_mapSinkToSource.try_emplace(sinkUnit, sourceUnit);
-    return 0;
+    TEMessageUnit sourceUnit;
+    TEMessageUnit sinkUnit;
+    if (!GetUnit(*pSource, sourceUnit) || !GetUnit(*pSink, sinkUnit))
+        return -1;
+    return WithMemory("TEAdapterManager::RegisterMessage", -1, [&] {
+        const TarnGuard guard(m_MsgMapMtx);
+        auto it = m_mapMsgInfo.find(sourceUnit);
+        if (it == m_mapMsgInfo.end())
+        {
+            TarnAdapterFrmtTrace(3, "TEAdapterManager::RegisterMessage, cannot find source msg in the map\n");
+            it = m_mapMsgInfo.try_emplace(sourceUnit).first;
+            it->second.pSource = pSource;
+        }
+        it->second.AddSinkMessage(sinkUnit);
+        m_mapSinkToSource.try_emplace(sinkUnit, sourceUnit);
+        return 0;
+    });
 }
 
 int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
@@ -57,7 +63,9 @@ int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
         TarnAdapterFrmtTrace(2, "TEAdapterManager::UnRegisterSourceMessage fail, input para pSource=null\n");
         return -1;
     }
-    const TEMessageUnit sourceUnit = UnitOf(*pSource);
+    TEMessageUnit sourceUnit;
+    if (!GetUnit(*pSource, sourceUnit))
+        return -1;
 
     const TarnGuard guard(m_MsgMapMtx);
     const auto it = m_mapMsgInfo.find(sourceUnit);
@@ -80,7 +88,9 @@ int TEAdapterManager::UnRegisterSinkMessage(TEMessage* pSinkMsg)
         TarnAdapterFrmtTrace(2, "TEAdapterManager::UnRegisterSinkMessage fail, input para pSinkMsg=NULL\n");
         return -1;
     }
-    const TEMessageUnit sinkUnit = UnitOf(*pSinkMsg);
+    TEMessageUnit sinkUnit;
+    if (!GetUnit(*pSinkMsg, sinkUnit))
+        return -1;
 
     const TarnGuard guard(m_MsgMapMtx);
     const auto it = m_mapSinkToSource.find(sinkUnit);
@@ -136,7 +146,10 @@ int TEAdapterManager::EraseFromUnitMap(MapSinkToSource::iterator it)
 {
     const TarnGuard guard(m_MsgMapMtx);
     if (it == m_mapSinkToSource.end())
+    {
+        TarnAdapterFrmtTrace(2, "TEAdapterManager::EraseFromUnitMap fail, input para it=end\n");
         return -1;
+    }
     m_mapSinkToSource.erase(it);
     return 0;
 }
@@ -145,21 +158,28 @@ int TEAdapterManager::EraseFromInfoMap(MapMsgInfo::iterator it)
 {
     const TarnGuard guard(m_MsgMapMtx);
     if (it == m_mapMsgInfo.end())
+    {
+        TarnAdapterFrmtTrace(2, "TEAdapterManager::EraseFromInfoMap fail, input para it=end\n");
         return -1;
+    }
     m_mapMsgInfo.erase(it);
     return 0;
 }
 
 int TEAdapterManager::InsertToUnitMap(const MapSinkToSource::value_type& entry)
 {
-    const TarnGuard guard(m_MsgMapMtx);
-    m_mapSinkToSource.insert(entry);
-    return 0;
+    return WithMemory("TEAdapterManager::InsertToUnitMap", -1, [&] {
+        const TarnGuard guard(m_MsgMapMtx);
+        m_mapSinkToSource.insert(entry);
+        return 0;
+    });
 }
 
 int TEAdapterManager::InsertToInfoMap(const MapMsgInfo::value_type& entry)
 {
-    const TarnGuard guard(m_MsgMapMtx);
-    m_mapMsgInfo.insert(entry);
-    return 0;
+    return WithMemory("TEAdapterManager::InsertToInfoMap", -1, [&] {
+        const TarnGuard guard(m_MsgMapMtx);
+        m_mapMsgInfo.insert(entry);
+        return 0;
+    });
 }

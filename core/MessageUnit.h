@@ -1,6 +1,7 @@
 #ifndef TARN_CORE_MESSAGEUNIT_H
 #define TARN_CORE_MESSAGEUNIT_H
 
+#include "core/ApplicationCall.h"
 #include "tarnadapterframe/TEMessage.h"
 #include "tarnadapterframe/TEMessageInfo.h"
 #include "tarnadapterframe/TarnProtocolAdapter.h"
@@ -12,10 +13,12 @@ inline std::uint32_t ProtocolIdOf(const TEMessage& message)
     return pAdapter != nullptr ? pAdapter->GetProtocolAdapterID() : 0;
 }
 
-/// Key of the message in the correlation maps.
-inline TEMessageUnit UnitOf(const TEMessage& message)
+/// Sets unit to the message's key in the correlation maps. False when the message could not give its serial.
+inline bool GetUnit(const TEMessage& message, TEMessageUnit& unit)
 {
-    return {message.GetMessageSerial(), ProtocolIdOf(message)};
+    unit = TEMessageUnit(0, ProtocolIdOf(message));
+    return CallApplication("GetMessageSerial", typeid(message),
+                           [&] { unit.ulSerial = message.GetMessageSerial(); });
 }
 
 #endif

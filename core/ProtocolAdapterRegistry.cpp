@@ -21,7 +21,14 @@ int TEAdapterManager::RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnPr
                              "TEAdapterManager::RegisterProtocolAdapter fail, input para ulProtocolID=0\n");
         return -1;
     }
-    if (!InsertProtocolAdapter(ulProtocolID, pProtocolMgr))
+    bool bInserted = false;
+    const bool bMemory = WithMemory("TEAdapterManager::RegisterProtocolAdapter", false, [&] {
+        bInserted = InsertProtocolAdapter(ulProtocolID, pProtocolMgr);
+        return true;
+    });
+    if (!bMemory)
+        return -1;
+    if (!bInserted)
     {
         TarnAdapterFrmtTrace(2, "RegisterProtocolAdapter, the protocol(ID=%d) is already registed",
                              AsInt(ulProtocolID));
@@ -30,19 +37,30 @@ int TEAdapterManager::RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnPr
     if (bStartAsyncIO && !RequestAsyncIO())
     {
         TarnAdapterFrmtTrace(1, "TEAdapterManager::RegisterProtocolAdapter fail to  start AsyncIO.\n");
-        UnRegisterProtocolAdapter(ulProtocolID);
+        RetireProtocolAdapter(ulProtocolID, pProtocolMgr);
         return -1;
     }
     return 0;
 }
 
+// False when the id is taken. Either everything is inserted or, without memory, nothing.
 bool TEAdapterManager::InsertProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr)
 {
     const TarnGuard guard(m_RegistryMutex);
-    if (!m_mapProtocolAdapter.try_emplace(ulProtocolID, pProtocolMgr).second)
+    if (m_mapProtocolAdapter.count(ulProtocolID) != 0)
         return false;
-    if (pProtocolMgr != m_pBuiltInAdapter)
-        m_setOwnedAdapter.insert(pProtocolMgr);
+    // The entry last: an adapter that owns nothing yet may be known as owned, but not the other way round.
+    const bool bOwned = pProtocolMgr != m_pBuiltInAdapter && m_setOwnedAdapter.insert(pProtocolMgr).second;
+    try
+    {
+        m_mapProtocolAdapter.emplace(ulProtocolID, pProtocolMgr);
+    }
+    catch (...)
+    {
+        if (bOwned)
+            m_setOwnedAdapter.erase(pProtocolMgr);
+        throw;
+    }
     return true;
 }
 
@@ -62,23 +80,32 @@ bool TEAdapterManager::RequestAsyncIO()
 
 int TEAdapterManager::StartAsyncIO()
 {
-    return g_ManagerParts.pfnStartAsyncIO != nullptr ? g_ManagerParts.pfnStartAsyncIO() : -1;
+    if (g_ManagerParts.pfnStartAsyncIO == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TEAdapterManager, the library is built without asynchronous I/O\n");
+        return -1;
+    }
+    return g_ManagerParts.pfnStartAsyncIO();
 }
 
 int TEAdapterManager::UnRegisterProtocolAdapter(std::uint32_t ulProtocolID)
 {
-    {
-        const TarnGuard guard(m_RegistryMutex);
-        const auto it = m_mapProtocolAdapter.find(ulProtocolID);
-        if (it != m_mapProtocolAdapter.end())
-        {
-            m_mapRetiredAdapter.insert(*it);
-            m_mapProtocolAdapter.erase(it);
-            return 0;
-        }
-    }
+    if (RetireProtocolAdapter(ulProtocolID, nullptr))
+        return 0;
     TarnAdapterFrmtTrace(2, "UnRegisterProtocolAdapter(ID = %d) failed\n", AsInt(ulProtocolID));
     return -1;
+}
+
+// Moves the adapter registered under the id to the retired ones; with pOnly only if it is that one. An entry
+// that is there already keeps its place; the adapter is remembered as owned all the same.
+bool TEAdapterManager::RetireProtocolAdapter(std::uint32_t ulProtocolID, const TarnProtocolAdapter* pOnly)
+{
+    const TarnGuard guard(m_RegistryMutex);
+    const auto it = m_mapProtocolAdapter.find(ulProtocolID);
+    if (it == m_mapProtocolAdapter.end() || (pOnly != nullptr && it->second != pOnly))
+        return false;
+    m_mapRetiredAdapter.insert(m_mapProtocolAdapter.extract(it));
+    return true;
 }
 
 TarnProtocolAdapter* TEAdapterManager::GetProtocolAdapter(std::uint32_t ulProtocolID)

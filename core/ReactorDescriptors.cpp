@@ -4,20 +4,17 @@
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <array>
-
 bool ReactorDescriptorsAvailable()
 {
-    // The pipe's two, and two that other threads may take meanwhile.
-    std::array<int, 4> descriptors{};
+    // The reactor's pipe, and as many descriptors as other threads may take meanwhile.
+    constexpr int PIPES = 2;
+    int descriptors[2 * PIPES] = {-1, -1, -1, -1};
     bool bAvailable = true;
-    for (int& iDescriptor : descriptors)
-    {
-        iDescriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        bAvailable = bAvailable && iDescriptor >= 0 && iDescriptor < FD_SETSIZE;
-    }
+    for (int i = 0; i < PIPES; ++i)
+        bAvailable = bAvailable && pipe2(&descriptors[2 * i], O_CLOEXEC) == 0;
     for (const int iDescriptor : descriptors)
     {
+        bAvailable = bAvailable && iDescriptor < FD_SETSIZE;
         if (iDescriptor >= 0)
             close(iDescriptor);
     }

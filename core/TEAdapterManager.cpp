@@ -1,5 +1,6 @@
 #include "tarnadapterframe/TEAdapterManager.h"
 
+#include "core/ApplicationCall.h"
 #include "core/LogArguments.h"
 #include "core/ManagerParts.h"
 #include "core/MessageAdapterTable.h"
@@ -40,7 +41,12 @@ TEAdapterManager* TEAdapterManager::Instance()
     {
         ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance(), nullptr);
         if (m_pInstance.load(std::memory_order_relaxed) == nullptr)
-            m_pInstance.store(new (std::nothrow) TEAdapterManager, std::memory_order_release);
+        {
+            m_pInstance.store(WithMemory("TEAdapterManager::Instance",
+                                         static_cast<TEAdapterManager*>(nullptr),
+                                         [] { return new TEAdapterManager; }),
+                              std::memory_order_release);
+        }
     }
     return m_pInstance.load(std::memory_order_acquire);
 }

@@ -108,5 +108,7 @@ int TEMessage::CancelMessage()
 
 bool TEMessage::operator==(const TEMessage& other) const
 {
-    return GetMessageSerial() == other.GetMessageSerial() && ProtocolIdOf(*this) == ProtocolIdOf(other);
+    TEMessageUnit unit;
+    TEMessageUnit otherUnit;
+    return GetUnit(*this, unit) && GetUnit(other, otherUnit) && unit == otherUnit;
 }

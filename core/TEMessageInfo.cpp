@@ -27,8 +27,9 @@ TEMessageInfo::TEMessageInfo(TEMessage* pSourceMsg, TEMessageAdapter* pAdapter, 
     , nTimeOut(nSeconds)
     , pMsgAdapter(pAdapter)
 {
-    if (pSink != nullptr)
-        lstSinkUnit.push_back(UnitOf(*pSink));
+    TEMessageUnit unit;
+    if (pSink != nullptr && GetUnit(*pSink, unit))
+        lstSinkUnit.push_back(unit);
 }
 
 TEMessageInfo::TEMessageInfo(const TEMessageInfo& other)

@@ -15,7 +15,7 @@ struct ThreadsLeft::State
         int iRound = 0;
     };
 
-    static pthread_key_t Key();
+    static bool SetEntry(const void* pEntry);
     static void Leave(void* pValue);
 
     std::mutex mutex;
@@ -37,7 +37,7 @@ void ThreadsLeft::State::Leave(void* pValue)
     std::unique_ptr<Entry> pEntry(static_cast<Entry*>(pValue));
     if (++pEntry->iRound < LAST_ROUND)
     {
-        pthread_setspecific(Key(), pEntry.release());
+        static_cast<void>(SetEntry(pEntry.release())); // cannot fail where a value was before
         return;
     }
     // The guard goes before the entry, which may hold the last reference on the state.
@@ -46,14 +46,16 @@ void ThreadsLeft::State::Leave(void* pValue)
     pEntry->pState->changed.notify_all();
 }
 
-pthread_key_t ThreadsLeft::State::Key()
+// False when the process has no key left or no memory for the value.
+bool ThreadsLeft::State::SetEntry(const void* pEntry)
 {
-    static const pthread_key_t s_Key = [] {
+    struct Storage
+    {
         pthread_key_t key{};
-        pthread_key_create(&key, &State::Leave);
-        return key;
-    }();
-    return s_Key;
+        const bool bCreated = pthread_key_create(&key, &State::Leave) == 0;
+    };
+    static const Storage s_Storage;
+    return s_Storage.bCreated && pthread_setspecific(s_Storage.key, pEntry) == 0;
 }
 
 ThreadsLeft::ThreadsLeft()
@@ -66,7 +68,7 @@ void ThreadsLeft::Enter()
 {
     std::unique_ptr<State::Entry> pEntry(new (std::nothrow) State::Entry{m_pState, 0});
     // Without memory or storage the thread's end cannot be seen, and nobody waits for it.
-    if (pEntry == nullptr || pthread_setspecific(State::Key(), pEntry.get()) != 0)
+    if (pEntry == nullptr || !State::SetEntry(pEntry.get()))
         return;
     static_cast<void>(pEntry.release()); // the storage's now
     const std::lock_guard<std::mutex> guard(m_pState->mutex);

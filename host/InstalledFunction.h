@@ -1,6 +1,8 @@
 #ifndef TARN_HOST_INSTALLEDFUNCTION_H
 #define TARN_HOST_INSTALLEDFUNCTION_H
 
+#include <cxxabi.h>
+
 #include <atomic>
 #include <utility>
 
@@ -25,6 +27,10 @@ public:
         try
         {
             return pfn(std::forward<Actual>(args)...);
+        }
+        catch (abi::__forced_unwind&)
+        {
+            throw; // the thread is being cancelled; swallowing that would abort the process
         }
         catch (...)
         {

@@ -3,6 +3,8 @@
 #include "IniCache.h"
 #include "InstalledFunction.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
@@ -49,11 +51,15 @@ bool LookUp(const char* pszKey, const char* pszFile, Setting& setting)
 
 /// Runs one look-up; what it throws can only be want of memory, and the setting then counts as not found.
 template <class Body>
-bool Guarded(Body&& body) noexcept
+bool Guarded(Body&& body)
 {
     try
     {
         return body();
+    }
+    catch (abi::__forced_unwind&)
+    {
+        throw; // the host's look-up is being cancelled with its thread
     }
     catch (...)
     {

@@ -28,37 +28,43 @@ class TarnProtocolAdapter;
 class ThreadsLeft;
 
 /// Registrar: a static instance adds one message adapter to the list of one message class (the list that the
-/// class's GetMessageAdapterVec returns). The lists are filled when the library starts; a registrar that runs
-/// later takes effect at the next start. Registrars run while libraries are loaded, never beside a start.
+/// class's GetMessageAdapterVec returns). The lists are filled at every start of the library; a registrar
+/// that runs later takes effect at the next start. Registrars run while libraries are loaded, never beside a
+/// start.
 class TARN_ADAPTER_API TEInitMessageAdapter
 {
 public:
-    /// @param pMsgAdapterList  the class-wide list; it must live as long as the process
-    /// @param pMsgAdapter      the adapter, not owned; it must live until the library is stopped. Given twice
-    /// it is
-    ///                         listed twice
+    /// Both must live as long as the process, since every start fills the lists again.
+    /// @param pMsgAdapterList  the class-wide list
+    /// @param pMsgAdapter      the adapter, not owned; given twice it is listed twice
     TEInitMessageAdapter(std::vector<TEMessageAdapter*>* pMsgAdapterList, TEMessageAdapter* pMsgAdapter);
 };
 
 /// The centre of the framework: the protocol adapters by protocol id, the framing dispatch, the correlation
 /// of sink messages with their source, and the timer that expires asynchronous messages.
 ///
-/// Every operation may be called from any thread; the correlation operations order themselves by one
-/// recursive lock. No operation calls an adapter with a lock of the framework held.
+/// Init and Destroy are for the host's thread, through tarnadapter. Every other operation may be called from
+/// any thread; the correlation operations order themselves by one recursive lock. No operation calls an
+/// adapter with a lock of the framework held.
 ///
 /// **Who owns a source message.** From RegisterPrivateMessage on, the timer may expire an asynchronous
 /// message at any tick and hand it to TEMessageAdapter::HandleAsyncError, which by default deletes it.
-/// Whoever brings an answer therefore finds and unregisters the source in one piece, and may touch it only
-/// when it was found:
+/// Whoever brings an answer therefore finds and unregisters the source in one piece, and touches it only when
+/// it was found:
 ///
-///     manager->AcquireMsgMapMtx();
+///     TEMessage* pSource = nullptr;
+///     void* pUserData = nullptr;
 ///     bool bFound = false;
+///     manager->AcquireMsgMapMtx();
 ///     auto it = manager->FindSrcMsgInfo(sourceUnit, bFound);
-///     TEMessage* pSource = bFound ? it->second.pSource : nullptr;
 ///     if (bFound)
-///         manager->UnRegisterSourceMessage(pSource);
+///     {
+///         pSource = it->second.pSource;
+///         pUserData = it->second.pUserData;
+///         manager->UnRegisterSourceMessage(pSource); // the record, and the iterator with it, are gone
+///     }
 ///     manager->ReleaseMsgMapMtx();
-///     // found: the source and its user data are the caller's; not found: they are gone
+///     // found: source and user data are the caller's; not found: they are somebody else's, or gone
 ///
 /// For the same reason hold the lock from RegisterPrivateMessage to the last RegisterMessage of an
 /// asynchronous source whose timeout may be short.
@@ -76,18 +82,21 @@ public:
     /// any more. Blocks until its threads have ended.
     static void Destroy();
 
-    /// Starts the manager; tarnadapter::Init calls it. @return 0 when it runs afterwards, -1 when something
-    /// could not be created (logged); it may then be called again.
+    /// Starts the manager; tarnadapter::Init calls it.
+    /// @return 0 when it runs afterwards, -1 when something could not be created (logged); it may then be
+    ///         called again
     int Init();
 
     /// Registers an adapter under an id and takes it over: it is deleted when the manager is destroyed, once,
     /// under however many ids it was registered.
-    /// @param ulProtocolID   not 0
+    /// @param ulProtocolID   the adapter's own id: framing goes by this one, correlation by the adapter's.
+    ///                       Not 0; 1 is the framework's
     /// @param pProtocolMgr   the adapter
-    /// @param bStartAsyncIO  start asynchronous I/O now, or with the manager when that is not started yet
+    /// @param bStartAsyncIO  start asynchronous I/O now, or with the manager when that is not started yet;
+    ///                       how that later start went is then in the log only
     /// @return 0 registered; 1 the id is taken, nothing changed and the adapter stays its caller's; -1
-    /// refused, or
-    ///         asynchronous I/O could not be started: the adapter is then unregistered, but the manager's
+    ///         refused (the adapter stays its caller's), or asynchronous I/O could not be started: the
+    ///         adapter is then unregistered again, but the manager's
     int RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr,
                                 bool bStartAsyncIO);
     /// Takes an adapter out of use. It stays alive until the manager is destroyed, since other threads may
@@ -124,7 +133,10 @@ public:
     /// null.
     int UnRegisterSinkMessage(TEMessage* pSinkMsg);
 
-    /// Takes the correlation lock (recursive), for callers that keep an iterator. @return 0, or -1.
+    /// Takes the correlation lock (recursive), for callers that keep an iterator. While it is held every tick
+    /// and every correlation of other threads waits, so hold it for a few operations only and never wait
+    /// inside it.
+    /// @return 0, or -1
     int AcquireMsgMapMtx() TARN_ACQUIRE(m_MsgMapMtx);
     /// Gives the correlation lock back. @return 0, or -1.
     int ReleaseMsgMapMtx() TARN_RELEASE(m_MsgMapMtx);
@@ -160,7 +172,9 @@ private:
     // Registration
     bool InsertProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr)
         TARN_EXCLUDES(m_RegistryMutex);
-    bool RequestAsyncIO() TARN_EXCLUDES(m_RegistryMutex);
+    bool RetireProtocolAdapter(std::uint32_t ulProtocolID, const TarnProtocolAdapter* pOnly)
+        TARN_EXCLUDES(m_RegistryMutex);
+    static bool RequestAsyncIO();
     static int StartAsyncIO();
 
     // Start; each logs its own failure and takes back what it has created

@@ -10,6 +10,9 @@ class TarnProtocolAdapter;
 /// Translates the messages of a source protocol adapter into messages of a sink protocol adapter, and brings
 /// the answers and errors back.
 ///
+/// The protocol adapters it points to are deleted by tarnadapter::Fini; a message adapter that lives longer
+/// must not use them after that.
+///
 /// The framework calls its operations with no lock held. An exception that leaves one is caught at the call,
 /// logged at level 1 with the class name, and counts as the failure result.
 class TARN_ADAPTER_API TEMessageAdapter
@@ -41,7 +44,7 @@ public:
     /// @param pSource    the source message; the base deletes it
     /// @param pUserData  a TEMsgUserData or null; the base deletes it first
     /// @param eError     the reason; ADAPTER_ERR_TIMEOUT
-    /// @return not looked at; the base 0
+    /// @return not looked at; the base 0. When it throws, nobody deletes what it has not deleted.
     virtual int HandleAsyncError(TEMessage* pSource, void* pUserData, EAdapterError eError);
 
     /// TEAdapterManager::RegisterPrivateMessage.

@@ -9,19 +9,19 @@
 /// `CreateObject`, an override of GetRuntimeClass and one static registrar:
 ///
 ///     // in the header
-///     class GetRequest : public TEMessage
+///     class Alarm : public TarnAdapterObject
 ///     {
 ///     public:
-///         static TarnAdapterRuntimeClass classGetRequest;
-///         static TarnAdapterObject* CreateObject() { return new GetRequest; }
-///         TarnAdapterRuntimeClass* GetRuntimeClass() const override { return &classGetRequest; }
+///         static TarnAdapterRuntimeClass classAlarm;
+///         static TarnAdapterObject* CreateObject() { return new Alarm; }
+///         TarnAdapterRuntimeClass* GetRuntimeClass() const override { return &classAlarm; }
 ///     };
 ///
 ///     // in the source file
-///     TarnAdapterRuntimeClass GetRequest::classGetRequest = {
-///         "GetRequest", static_cast<int>(sizeof(GetRequest)), 0xFFFF, &GetRequest::CreateObject,
+///     TarnAdapterRuntimeClass Alarm::classAlarm = {
+///         "Alarm", static_cast<int>(sizeof(Alarm)), 0xFFFF, &Alarm::CreateObject,
 ///         &TarnAdapterObject::classTarnAdapterObject, nullptr};
-///     static const TARN_ADAPTER_CLASSINIT initGetRequest(&GetRequest::classGetRequest);
+///     static const TARN_ADAPTER_CLASSINIT initAlarm(&Alarm::classAlarm);
 ///
 /// Records and chain are written only while statics are constructed and are read without locks afterwards.
 /// They must stay loaded: a library that registers a record must not be unloaded before the process ends.
@@ -42,8 +42,8 @@ struct TARN_ADAPTER_API TarnAdapterRuntimeClass
     TarnAdapterRuntimeClass* m_pBaseClass;     ///< record of the base class; null for the root
     TarnAdapterRuntimeClass* m_pNextClass;     ///< next record of the chain; set by the registrar
 
-    /// Makes a new default-constructed instance. @return the instance, owned by the caller, or null when the
-    /// class has no factory.
+    /// Makes a new default-constructed instance.
+    /// @return the instance, owned by the caller; null when the class has no factory, or when that threw
     TarnAdapterObject* CreateObject() const;
 
     /// Head of the chain of all registered records, the newest first; null before the first registration.
@@ -64,7 +64,9 @@ class TARN_ADAPTER_API TarnAdapterObject
 public:
     static TarnAdapterRuntimeClass classTarnAdapterObject;
 
-    /// Record of the object's class, never null. A class that does not override it counts as its base.
+    /// Record of the object's class, never null. A class that does not override it counts as its base. The
+    /// framework asks for the name it prints, also on its timer thread with the correlation lock held, so an
+    /// override returns its record and does nothing else.
     virtual TarnAdapterRuntimeClass* GetRuntimeClass() const;
     virtual ~TarnAdapterObject();
 

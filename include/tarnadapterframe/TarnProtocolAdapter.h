@@ -20,8 +20,7 @@ class TEMessage;
 class TARN_ADAPTER_API TarnProtocolAdapter
 {
 public:
-    /// @param ulProtocolID  the id under which the adapter will be registered; not 0, and 1 is the
-    /// framework's
+    /// @param ulProtocolID  the id under which the adapter will be registered; not 0, and 1 is taken
     explicit TarnProtocolAdapter(std::uint32_t ulProtocolID);
     virtual ~TarnProtocolAdapter();
 
@@ -40,6 +39,7 @@ public:
     /// Sends a message. @param pParam  the derived adapter's own. @return the base -1.
     virtual int SendMessage(void* pParam, TEMessage* pMessage);
     /// Sends a message. @return the base -1.
+    /// Overriding one of the two hides the other; `using TarnProtocolAdapter::SendMessage;` brings it back.
     virtual int SendMessage(TEMessage* pMessage);
 
     /// Recognises the whole message at the head of received bytes and hands it on.
@@ -48,12 +48,12 @@ public:
     /// thread at a time, for several connections at once. It is called again with what is left until it finds
     /// no whole message.
     /// @param pHandle  the receiving connection's I/O handle, as a pointer-sized number
-    /// @param data     the bytes received and not yet consumed, the oldest first; look at them, do not change
-    /// them
+    /// @param data     the bytes received and not yet consumed, the oldest first; not to be changed
     /// @return above 0: that many bytes at the head are one whole message, which has been handed on, and are
-    ///         consumed. 0, -2 or -3: no whole message yet, wait for more bytes. Any other negative value:
-    ///         these bytes are not of this protocol; all are discarded and a socket connection is broken. The
-    ///         base answers -1 to everything.
+    ///         consumed; more than there are empties the buffer. 0: no whole message yet, wait for more
+    ///         bytes. -2 and -3 mean the same and are logged each time. Any other negative value, or an
+    ///         exception: these bytes are not of this protocol; all are discarded and a socket connection
+    ///         is broken. The base answers -1 to everything.
     virtual int CheckMessageValid(void* pHandle, std::vector<unsigned char>& data);
 
     std::uint32_t GetProtocolAdapterID() const;

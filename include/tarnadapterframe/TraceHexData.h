@@ -21,7 +21,9 @@ enum ETarnAdpterTraceType : int
     TARN_TRACE_TL1_SEND = 5,      ///< TL1 text sent: a 4-byte prefix that is left out, then text
 };
 
-/// Called with the arguments of TraceHexData in place of the library's own rendering, on the tracing thread.
+/// Called with the arguments of TraceHexData in place of the library's own rendering, on the tracing thread:
+/// often an I/O thread with a lock of its connection held, so it must neither block nor send. What it throws
+/// is logged and goes no further.
 using TarnTraceHexDataCBFunc = void (*)(const char* pData, int iLength, int iTraceType,
                                         std::uint32_t ulThreadId);
 

@@ -11,17 +11,19 @@ public:
     /// Reads the settings from the host's configuration and starts the adapter manager. A key that the
     /// configuration does not hold leaves its setting as it is.
     /// @return 0 when the library runs afterwards, also when it ran before (the settings are then not read
-    ///         again); -1 when it could not be started, with the reason in the log
+    ///         again); -1 when it could not be started, with the reason in the log. It may then be called
+    ///         again.
     static int Init();
 
-    /// Stops the library: every thread it started has ended and every protocol adapter that was ever
-    /// registered has been deleted when it returns. It logs what it waits for.
+    /// Stops the library: every thread it started has ended, and every protocol adapter that was ever
+    /// registered with it has been deleted, when it returns. It logs what it waits for. A repeated stop says
+    /// so in the log; it cleans up after a start that has failed in between.
     static void Fini();
 
+private:
     tarnadapter() = delete;
     ~tarnadapter() = delete;
 
-private:
     static bool m_bTarnadapterInit; ///< started successfully
     static bool m_bTarnadapterFini; ///< stopped
 };

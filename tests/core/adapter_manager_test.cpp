@@ -197,10 +197,10 @@ TEST_F(AdapterManager, FramingThatThrowsIsInvalidDataAndNamesTheClass)
 TEST_F(AdapterManager, SecondInitReportsItself)
 {
     EXPECT_EQ(Manager().Init(), 0);
-    EXPECT_EQ(host.CountContaining("TEAdapterManager Thread process timer eventLoop is 0x"), 1);
+    EXPECT_EQ(host.CountContaining(3, "TEAdapterManager Thread process timer eventLoop is 0x"), 1);
     EXPECT_EQ(Manager().Init(), 0);
     EXPECT_EQ(host.Count(2, "TEAdapterManager::Init ,Init again"), 1);
-    EXPECT_EQ(host.CountContaining("TEAdapterManager Thread process timer eventLoop is 0x"), 1);
+    EXPECT_EQ(host.CountContaining(3, "TEAdapterManager Thread process timer eventLoop is 0x"), 1);
 }
 
 TEST_F(AdapterManager, AsyncIOStartsWithTheFirstRegistrationThatAsksForIt)
@@ -222,6 +222,11 @@ TEST_F(AdapterManager, AsyncIOAskedForBeforeTheStartComesWithIt)
     EXPECT_EQ(g_iStarts, 0);
     EXPECT_EQ(Manager().Init(), 0) << "the result of the start is not the manager's";
     EXPECT_EQ(g_iStarts, 1);
+
+    // The wish outlives the manager.
+    TEAdapterManager::Destroy();
+    EXPECT_EQ(Manager().Init(), 0);
+    EXPECT_EQ(g_iStarts, 2);
 }
 
 TEST_F(AdapterManager, FailedStartOfAsyncIOUnregistersAgain)
@@ -241,6 +246,52 @@ TEST_F(AdapterManager, LibraryWithoutAsyncIOSaysThatItCannotStartIt)
     Manager().Init();
     EXPECT_EQ(Manager().RegisterProtocolAdapter(5, new TestAdapter(5), true), -1);
     EXPECT_EQ(host.Count(1, "TEAdapterManager::RegisterProtocolAdapter fail to  start AsyncIO.\n"), 1);
+    EXPECT_EQ(host.Count(1, "TEAdapterManager, the library is built without asynchronous I/O\n"), 1);
+}
+
+TEST_F(AdapterManager, DestructionStopsAsyncIOThenEmptiesTheMapsThenDeletesTheAdapters)
+{
+    static std::vector<std::string> s_Seen;
+    static const auto s_Look = [](const char* pszWho) {
+        bool bFound = false;
+        Manager().FindSrcMsgInfo({1, 5}, bFound);
+        s_Seen.push_back(std::string(pszWho) + (bFound ? ", record there" : ", no record"));
+    };
+    class Watching : public TestAdapter
+    {
+    public:
+        Watching(std::uint32_t ulProtocolID, const char* pszWho)
+            : TestAdapter(ulProtocolID)
+            , m_pszWho(pszWho)
+        {}
+        ~Watching() override { s_Look(m_pszWho); }
+
+    private:
+        const char* const m_pszWho;
+    };
+    s_Seen.clear();
+    InstallAsyncIO(0);
+    g_ManagerParts.pfnDestroyAsyncIO = [] { s_Look("async I/O"); };
+    Manager().Init();
+    TestAdapter sourceAdapter(5);
+    TestMessage source(&sourceAdapter);
+    TestMessageAdapter msgAdapter;
+    Manager().RegisterPrivateMessage(&source, &msgAdapter, nullptr, 60);
+    Manager().RegisterProtocolAdapter(6, new Watching(6, "retired"), false);
+    Manager().UnRegisterProtocolAdapter(6);
+    Manager().RegisterProtocolAdapter(7, new Watching(7, "registered"), false);
+    TEAdapterManager::Destroy();
+    EXPECT_EQ(s_Seen, (std::vector<std::string>{"async I/O, record there", "registered, no record",
+                                                "retired, no record"}));
+    EXPECT_EQ(sourceAdapter.Alive(), 1);
+}
+
+TEST_F(AdapterManager, ManagerThatWasNotStartedStopsNoAsyncIO)
+{
+    InstallAsyncIO(0);
+    Manager();
+    TEAdapterManager::Destroy();
+    EXPECT_EQ(g_iDestroys, 0);
 }
 
 TEST_F(AdapterManager, BuiltInAdapterIsRegisteredUnderIdOneAndOutlivesTheManager)
@@ -255,8 +306,8 @@ TEST_F(AdapterManager, BuiltInAdapterIsRegisteredUnderIdOneAndOutlivesTheManager
         TEAdapterManager::Destroy();
         EXPECT_EQ(TestAdapter::Alive(), 1);
     }
-    EXPECT_EQ(host.CountContaining("has not unregist"), 0);
-    EXPECT_EQ(host.CountContaining("UnRegisterProtocolAdapter"), 0);
+    EXPECT_EQ(host.CountContaining(1, "has not unregist"), 0);
+    EXPECT_EQ(host.CountContaining(2, "UnRegisterProtocolAdapter"), 0);
     // The check after the test counts this one.
     TEAdapterManager::Destroy();
     EXPECT_EQ(TestAdapter::Alive(), 1);

@@ -1,5 +1,4 @@
 #include "core/LogArguments.h"
-#include "core/MessageUnit.h"
 #include "support/TestAdapters.h"
 #include "support/TestHost.h"
 

@@ -190,14 +190,19 @@ TEST_F(HexTrace, NothingIsTracedWithoutDataOrWithoutDestination)
 
 TEST_F(HexTrace, CallbackTakesTheTraceOver)
 {
-    Configure("bEnableAdapterLog", 0);
+    // With both destinations on and with both off: the callback gets every call, the log none.
+    Configure("bEnableAdapterPrint", 1);
     const char szData[] = "raw";
     const unsigned uFirst = Low32(&TakeCall);
     const unsigned uSecond = Low32(&TakeNothing);
 
     EXPECT_EQ(RegisterTraceHexDataCBFunc(&TakeCall), &TakeCall);
+    EXPECT_EQ(host.Count(1, Format("RegisterTraceHexDataCBFunc,register TraceFunc(0x%x)\n", uFirst)), 1);
     g_Calls.clear();
     TraceHexData(szData, 3, TARN_TRACE_SEND_TO_NE, 9);
+    EXPECT_EQ(host.Lines().size(), 1U) << "the registration";
+    Configure("bEnableAdapterLog", 0);
+    Configure("bEnableAdapterPrint", 0);
     TraceHexData(nullptr, -1, TARN_TRACE_TL1_RECV, 0);
     ASSERT_EQ(g_Calls.size(), 2U);
     EXPECT_EQ(g_Calls[0].pData, szData);
@@ -212,7 +217,6 @@ TEST_F(HexTrace, CallbackTakesTheTraceOver)
     EXPECT_EQ(RegisterTraceHexDataCBFunc(nullptr), nullptr);
 
     const std::vector<std::string> expected = {
-        Format("RegisterTraceHexDataCBFunc,register TraceFunc(0x%x)\n", uFirst),
         Format("RegisterTraceHexDataCBFunc,replace TraceFunc(0x%x),the prevenient TraceFunc(0x%x)\n", uSecond,
                uFirst),
         Format("RegisterTraceHexDataCBFunc,replace TraceFunc(0x%x),the prevenient TraceFunc(0x%x)\n", uSecond,

@@ -7,7 +7,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <csignal>
+#include <fstream>
+#include <thread>
 
 namespace {
 
@@ -84,7 +86,7 @@ TEST_F(Lifecycle, EmptyConfigurationKeepsEveryDefault)
     EXPECT_STREQ(settings.TP4DevicePath, "/dev/cots");
     EXPECT_FALSE(settings.bNoNeReconnect);
     EXPECT_EQ(settings.nNECmdTimeoutRate, 1.0F);
-    EXPECT_EQ(host.CountContaining("nNECmdTimeoutRate"), 0);
+    EXPECT_EQ(host.CountContaining(3, "nNECmdTimeoutRate"), 0);
 }
 
 TEST_F(Lifecycle, SettingsAreReadInOrderFromTheDefaultFile)
@@ -177,30 +179,50 @@ TEST_F(Lifecycle, StartAndStopAgainAndAgainLeaveNothingBehind)
     ASSERT_EQ(tarnadapter::Init(), 0);
     tarnadapter::Fini();
     host.ClearLines();
-    const int iThreads = ThreadCount();
+    const auto threads = Threads();
     const int iDescriptors = DescriptorCount();
     const int iRounds = StressRounds(4);
     for (int i = 0; i < iRounds; ++i)
     {
         ASSERT_EQ(tarnadapter::Init(), 0);
         EXPECT_EQ(TEAdapterManager::Instance()->RegisterProtocolAdapter(5, new TestAdapter(5), false), 0);
-        EXPECT_EQ(ThreadCount(), iThreads + 1);
+        EXPECT_EQ(Threads().size(), threads.size() + 1);
         tarnadapter::Fini();
         EXPECT_EQ(TestAdapter::Alive(), 0);
         EXPECT_EQ(DescriptorCount(), iDescriptors);
-        EXPECT_TRUE(WaitUntil([&] { return ThreadCount() == iThreads; }));
+        EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; }));
     }
     EXPECT_EQ(host.Count(3, "~TEAdapterManager success!\n"), iRounds);
-    EXPECT_EQ(host.CountContaining("TEAdapterManager Quit Thread process eventLoop is 0x"), iRounds);
+    EXPECT_EQ(host.CountContaining(3, "TEAdapterManager Quit Thread process eventLoop is 0x"), iRounds);
 }
 
 TEST_F(Lifecycle, TimerThreadTakesNoSignalButTheInterrupt)
 {
+    // Once before: sanitizers start a thread of theirs with the first one of a process.
+    std::thread([] {}).join();
+    const auto before = Threads();
     ASSERT_EQ(tarnadapter::Init(), 0);
-    ASSERT_TRUE(WaitUntil([] { return NewestThreadBlocks(SIGUSR1); }));
-    EXPECT_TRUE(NewestThreadBlocks(SIGPIPE));
-    EXPECT_TRUE(NewestThreadBlocks(SIGTERM));
-    EXPECT_FALSE(NewestThreadBlocks(SIGINT));
+    int iTimerThread = 0;
+    for (const int iThread : Threads())
+        iTimerThread = before.count(iThread) == 0 ? iThread : iTimerThread;
+    ASSERT_NE(iTimerThread, 0);
+    // It counts itself before it blocks them.
+    EXPECT_TRUE(WaitUntil([&] { return ThreadBlocks(iTimerThread, SIGUSR1); }));
+    EXPECT_TRUE(ThreadBlocks(iTimerThread, SIGPIPE));
+    EXPECT_TRUE(ThreadBlocks(iTimerThread, SIGTERM));
+    EXPECT_FALSE(ThreadBlocks(iTimerThread, SIGINT));
+}
+
+TEST_F(Lifecycle, WaitingForTheTimerThreadIsShownOnConsoleAndLog)
+{
+    ASSERT_EQ(tarnadapter::Init(), 0);
+    tarnadapter::Fini();
+    for (const LogLine& line : host.Lines())
+    {
+        const bool bWaiting = line.strText == "~TEAdapterManager,waiting for thread to quit\n";
+        EXPECT_TRUE(!bWaiting || (line.iLevel == 3 && line.bPrint && line.bLog));
+    }
+    EXPECT_EQ(host.Lines().back().strText, "~TEAdapterManager success!\n");
 }
 
 TEST_F(Lifecycle, InitFailsClearlyWhenDescriptorNumbersAreTooHighAndSucceedsLater)
@@ -219,12 +241,43 @@ TEST_F(Lifecycle, InitFailsClearlyWhenDescriptorNumbersAreTooHighAndSucceedsLate
 
 TEST_F(Lifecycle, FailedStartIsCleanedUpByFini)
 {
+    // Before the first start, and after a stop, where Fini also says that it is a repeated one.
+    for (const bool bRepeated : {false, true})
     {
-        const DescriptorHog hog(1100);
-        EXPECT_EQ(tarnadapter::Init(), -1);
-        EXPECT_EQ(TEAdapterManager::Instance()->RegisterProtocolAdapter(5, new TestAdapter(5), false), 0);
+        {
+            const DescriptorHog hog(1100);
+            EXPECT_EQ(tarnadapter::Init(), -1);
+            EXPECT_EQ(TEAdapterManager::Instance()->RegisterProtocolAdapter(5, new TestAdapter(5), false), 0);
+        }
+        host.ClearLines();
+        tarnadapter::Fini();
+        EXPECT_EQ(TestAdapter::Alive(), 0);
+        EXPECT_EQ(host.Count(3, "~TEAdapterManager success!\n"), 1);
+        EXPECT_EQ(Flagged(FINI_AGAIN), bRepeated);
     }
-    tarnadapter::Fini();
-    EXPECT_EQ(TestAdapter::Alive(), 0);
-    EXPECT_EQ(host.Count(3, "~TEAdapterManager success!\n"), 1);
 }
+
+// Sanitizers need address space of their own.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Lifecycle, ThreadThatCannotBeSpawnedFailsTheStartAndLeavesNothing)
+{
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+    long lPages = 0;
+    std::ifstream("/proc/self/statm") >> lPages;
+    rlimit tight = before;
+    // Room for the reactor, but not for a thread's stack of 8 MiB.
+    tight.rlim_cur = static_cast<rlim_t>(lPages * sysconf(_SC_PAGESIZE)) + (4U << 20U);
+    const int iDescriptors = DescriptorCount();
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+    const int iResult = tarnadapter::Init();
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+
+    EXPECT_EQ(iResult, -1);
+    EXPECT_EQ(host.Count(1, "TEAdapterManager::Init,failed to spawn thread, which is to handle timer events"),
+              1);
+    EXPECT_TRUE(Flagged(INIT_FALSE));
+    EXPECT_EQ(DescriptorCount(), iDescriptors);
+    EXPECT_EQ(tarnadapter::Init(), 0);
+}
+#endif

@@ -147,11 +147,16 @@ TEST_F(Messages, CopyHasTheStateAndALockOfItsOwn)
     copy.SetTimeOut(3);
     EXPECT_EQ(message.GetTimeOut(), 17);
 
-    TEMessage& assigned = copy;
+    TestMessage other;
+    TEMessage& assigned = other;
     assigned = message;
-    EXPECT_EQ(copy.GetTimeOut(), 17);
-    assigned = copy;
-    EXPECT_EQ(copy.GetTimeOut(), 17);
+    EXPECT_TRUE(other == message);
+    EXPECT_EQ(other.ProtocolInstance(), &adapter);
+    EXPECT_EQ(other.GetType(), RESPONSE_MESSAGE);
+    EXPECT_EQ(other.GetTimeOut(), 17);
+    const TEMessage& itself = other;
+    assigned = itself;
+    EXPECT_EQ(other.GetTimeOut(), 17);
 }
 
 TEST_F(Messages, CancelAsksTheAdapterAndFailsWithoutOne)
@@ -212,7 +217,7 @@ TEST_F(Messages, DefaultErrorHandlingDeletesUserDataAndSource)
     EXPECT_EQ(TestUserData::Alive(), 0);
 }
 
-TEST_F(Messages, AdapterOperationsThatThrowCountAsFailed)
+TEST_F(Messages, OperationsThatThrowCountAsFailed)
 {
     class Throwing : public TestAdapter
     {
@@ -221,10 +226,22 @@ TEST_F(Messages, AdapterOperationsThatThrowCountAsFailed)
         std::uint32_t RequireMessageSerial() override { throw std::runtime_error("no serial"); }
         int CancelMessage(TEMessage*) override { throw 1; }
     };
+    class Troubled : public TestMessage
+    {
+    public:
+        std::uint32_t GetMessageSerial() const override { throw std::runtime_error("no number"); }
+        TarnAdapterRuntimeClass* GetRuntimeClass() const override { throw std::runtime_error("no class"); }
+    };
+    const Troubled troubled;
+    EXPECT_FALSE(troubled == troubled);
+    EXPECT_FALSE(troubled.IsKindOf(&TarnAdapterObject::classTarnAdapterObject));
+    EXPECT_EQ(host.CountContaining(1, "Troubled, exception: no number\n"), 1);
+    EXPECT_EQ(host.CountContaining(1, "Troubled, exception: no class\n"), 1);
+
     Throwing adapter(3);
     TestMessage message(&adapter);
     EXPECT_EQ(message.GetMessageSerial(), 0U);
     EXPECT_EQ(message.CancelMessage(), -1);
-    EXPECT_EQ(host.CountContaining("Throwing, exception: no serial\n"), 1);
-    EXPECT_EQ(host.CountContaining("Throwing, exception: not a std::exception\n"), 1);
+    EXPECT_EQ(host.CountContaining(1, "Throwing, exception: no serial\n"), 1);
+    EXPECT_EQ(host.CountContaining(1, "Throwing, exception: not a std::exception\n"), 1);
 }

@@ -1,4 +1,5 @@
 #include "support/TestAdapters.h"
+#include "support/TestHost.h"
 
 #include <gtest/gtest.h>
 
@@ -66,11 +67,13 @@ TEST(RuntimeClasses, ChainHoldsTheFrameworkRecordsNewestFirstBesideTheApplicatio
 
 TEST(RuntimeClasses, RegisteringTwiceOrNullLeavesTheChainAlone)
 {
+    const TestHost host;
     const auto before = ChainNames();
     const TARN_ADAPTER_CLASSINIT again(&Leaf::classLeaf);
     const TARN_ADAPTER_CLASSINIT root(&TarnAdapterObject::classTarnAdapterObject);
     const TARN_ADAPTER_CLASSINIT null(nullptr);
     EXPECT_EQ(ChainNames(), before);
+    EXPECT_EQ(host.Lines().size(), 3U);
 }
 
 TEST(RuntimeClasses, ObjectIsCreatedFromItsRecord)
@@ -88,7 +91,9 @@ TEST(RuntimeClasses, KindIsMatchedByNameAlongTheBases)
     EXPECT_TRUE(leaf.IsKindOf(&TarnAdapterObject::classTarnAdapterObject));
     EXPECT_FALSE(leaf.IsKindOf(&TestMessage::classTestMessage));
     EXPECT_FALSE(message.IsKindOf(&Leaf::classLeaf));
+    const TestHost host;
     EXPECT_FALSE(leaf.IsKindOf(nullptr));
+    EXPECT_EQ(host.Count(2, "TarnAdapterObject::IsKindOf fail, input para pClass=null\n"), 1);
 
     const std::string strSameName = "Leaf";
     TarnAdapterRuntimeClass copy = Leaf::classLeaf;

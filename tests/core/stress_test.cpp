@@ -1,10 +1,10 @@
-#include "core/MessageUnit.h"
 #include "core/TEMessageTimer.h"
 #include "support/TestAdapters.h"
 #include "support/TestHost.h"
 #include "support/Threads.h"
 #include "tarnadapterframe/tarnbaseutil.h"
 
+#include <chrono>
 #include <random>
 
 namespace {
@@ -41,9 +41,13 @@ TEST_F(Stress, SourcesAreAnsweredOrExpiredExactlyOnce)
     TestMessageAdapter adapter;
     adapter.onError = [&](TEMessage*, void*, EAdapterError) { ++iExpired; };
 
-    const int iPerThread = StressRounds(2000);
+    const int iPerThread = StressRounds(10000);
     constexpr int iTickers = 2;
     std::atomic<int> iWorking{THREADS - iTickers};
+    std::atomic<int> iMade{0};
+    // A busy machine may not give the ticks their turn for a while: go on until they have had it.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto bTicksMissing = [&] { return iExpired < 100 && std::chrono::steady_clock::now() < deadline; };
 
     const auto work = [&](int iThread) {
         std::minstd_rand random(static_cast<unsigned>(iThread + 1));
@@ -65,8 +69,9 @@ TEST_F(Stress, SourcesAreAnsweredOrExpiredExactlyOnce)
             delete static_cast<TEMsgUserData*>(pUserData);
             delete pSource;
         };
-        for (int i = 0; i < iPerThread; ++i)
+        for (int i = 0; i < iPerThread || bTicksMissing(); ++i)
         {
+            ++iMade;
             auto* pSource = new TestMessage(&sourceAdapter, ASYNC_MESSAGE, static_cast<int>(random() % 16));
             TestMessage firstSink(&sinkAdapter);
             TestMessage secondSink(&sinkAdapter);
@@ -92,9 +97,9 @@ TEST_F(Stress, SourcesAreAnsweredOrExpiredExactlyOnce)
     };
     RunTogether(THREADS, [&](int iThread) { iThread < iTickers ? tick() : work(iThread); });
 
-    EXPECT_EQ(iAnswered + iExpired, (THREADS - iTickers) * iPerThread);
+    EXPECT_EQ(iAnswered + iExpired, iMade);
     EXPECT_GT(iAnswered, 0);
-    EXPECT_GT(iExpired, 0);
+    EXPECT_GE(iExpired, 100);
     EXPECT_EQ(TestMessage::Alive(), 0);
     EXPECT_EQ(TestUserData::Alive(), 0);
 }

@@ -1,5 +1,4 @@
 #include "core/LogArguments.h"
-#include "core/MessageUnit.h"
 #include "core/TEMessageTimer.h"
 #include "support/TestAdapters.h"
 #include "support/TestHost.h"
@@ -135,7 +134,7 @@ TEST_F(Timeouts, RecordWithoutMessageAdapterExpiresAndReportsToNobody)
     TestMessage sink(&three);
     Manager().RegisterMessage(&source, &sink);
     Tick();
-    EXPECT_EQ(host.CountContaining("HandleTimeOut() del TestMessage"), 1);
+    EXPECT_EQ(host.CountContaining(2, "HandleTimeOut() del TestMessage"), 1);
     EXPECT_EQ(TestMessage::Alive(), 2);
     host.ClearLines();
     Tick();
@@ -176,6 +175,24 @@ TEST_F(Timeouts, AdapterThatThrowsHoldsUpNobody)
     EXPECT_EQ(iReported, 2);
     EXPECT_EQ(TestMessage::Alive(), 0);
     EXPECT_EQ(host.Count(1, "HandleAsyncError of TestMessageAdapter, exception: no\n"), 1);
+}
+
+TEST_F(Timeouts, MessageThatThrowsHoldsUpNobody)
+{
+    class Troubled : public TestMessage
+    {
+    public:
+        explicit Troubled(TarnProtocolAdapter* pAdapter)
+            : TestMessage(pAdapter, ASYNC_MESSAGE, 0)
+        {}
+        TarnAdapterRuntimeClass* GetRuntimeClass() const override { throw 1; }
+    };
+    Manager().RegisterPrivateMessage(new Troubled(&one), &adapter, nullptr, 0);
+    NewSource(0);
+    Tick();
+    EXPECT_EQ(TestMessage::Alive(), 0);
+    EXPECT_EQ(host.CountContaining(2, "HandleTimeOut() del (no class name)["), 1);
+    EXPECT_EQ(host.CountContaining(2, "HandleTimeOut() del TestMessage["), 1);
 }
 
 TEST_F(Timeouts, StartedManagerTicksByItself)

@@ -25,6 +25,13 @@ private:
     static inline std::atomic<int> s_iAlive{0};
 };
 
+/// The key of a message in the correlation maps.
+inline TEMessageUnit UnitOf(const TEMessage& message)
+{
+    const TarnProtocolAdapter* pAdapter = message.ProtocolInstance();
+    return {message.GetMessageSerial(), pAdapter != nullptr ? pAdapter->GetProtocolAdapterID() : 0};
+}
+
 /// A message with a class record and a sync flag of its own.
 class TestMessage : public TEMessage, public Counted<TestMessage>
 {

@@ -117,9 +117,11 @@ int TestHost::Count(int iLevel, const std::string& strText) const
     return CountIf([&](const LogLine& line) { return line.iLevel == iLevel && line.strText == strText; });
 }
 
-int TestHost::CountContaining(const std::string& strText) const
+int TestHost::CountContaining(int iLevel, const std::string& strText) const
 {
-    return CountIf([&](const LogLine& line) { return line.strText.find(strText) != std::string::npos; });
+    return CountIf([&](const LogLine& line) {
+        return line.iLevel == iLevel && line.strText.find(strText) != std::string::npos;
+    });
 }
 
 void HostTest::TearDown()

@@ -38,11 +38,13 @@ public:
     void ClearLines();
     /// How many lines have exactly this text and level.
     int Count(int iLevel, const std::string& strText) const;
-    /// How many lines contain the text, at whatever level.
-    int CountContaining(const std::string& strText) const;
+    /// How many lines of this level contain the text.
+    int CountContaining(int iLevel, const std::string& strText) const;
 };
 
-/// A test inside a TestHost; the adapter manager, if the test made one, is destroyed at its end.
+/// A test inside a TestHost; the adapter manager, if the test made one, is destroyed at its end. Settings and
+/// the library's state are the process's: tests that look at their first values count on running in a process
+/// of their own, as ctest runs them.
 class HostTest : public ::testing::Test
 {
 protected:

@@ -1,8 +1,6 @@
 #include "support/Threads.h"
 
-#include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -11,31 +9,22 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-int EntryCount(const char* pszFolder)
+std::set<int> Threads()
 {
-    return static_cast<int>(std::distance(fs::directory_iterator(pszFolder), fs::directory_iterator()));
-}
-
-} // namespace
-
-int ThreadCount()
-{
-    return EntryCount("/proc/self/task");
+    std::set<int> threads;
+    for (const auto& entry : fs::directory_iterator("/proc/self/task"))
+        threads.insert(std::stoi(entry.path().filename()));
+    return threads;
 }
 
 int DescriptorCount()
 {
-    return EntryCount("/proc/self/fd");
+    return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-bool NewestThreadBlocks(int iSignal)
+bool ThreadBlocks(int iThread, int iSignal)
 {
-    int iNewest = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/task"))
-        iNewest = std::max(iNewest, std::stoi(entry.path().filename()));
-    std::ifstream status("/proc/self/task/" + std::to_string(iNewest) + "/status");
+    std::ifstream status("/proc/self/task/" + std::to_string(iThread) + "/status");
     for (std::string strLine; std::getline(status, strLine);)
     {
         if (strLine.rfind("SigBlk:", 0) == 0)

@@ -2,15 +2,16 @@
 #define TARN_TESTS_SUPPORT_THREADS_H
 
 #include <functional>
+#include <set>
 
-/// Threads of this process, see proc(5).
-int ThreadCount();
+/// Kernel ids of this process's threads, see proc(5).
+std::set<int> Threads();
 
 /// Open descriptors of this process.
 int DescriptorCount();
 
-/// Whether the thread of this process that was started last blocks the signal.
-bool NewestThreadBlocks(int iSignal);
+/// Whether a thread of this process blocks the signal.
+bool ThreadBlocks(int iThread, int iSignal);
 
 /// Runs fn(0) … fn(iThreads - 1), each on a thread of its own, released together; returns when all have
 /// ended.

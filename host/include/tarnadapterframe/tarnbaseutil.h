@@ -77,8 +77,9 @@ TARN_HOST_API TarnLogSink TarnInstallLogSink(TarnLogSink pfnSink);
 /// The host's log.
 ///
 /// The default log writes asynchronously, on a thread of its own: a caller pays for a copy of its text and
-/// never waits for a disk or a terminal. Section `[log]` of the configuration file (TarnGetDefaultCfgFile),
-/// read when the first line is logged and by Reopen, sets it up:
+/// never waits for the log's disk or a terminal (the first line reads the configuration file). Section
+/// `[log]` of the configuration file (TarnGetDefaultCfgFile), read when the first line is logged and by
+/// Reopen, sets it up:
 ///
 /// | key              | default | meaning                                                             |
 /// |------------------|---------|---------------------------------------------------------------------|
@@ -100,8 +101,7 @@ public:
     /// Logs one text.
     /// @param strModule  tag of the module that logs
     /// @param eLevel     severity; decides alone where the text goes when both flags are false
-    /// @param pszText    the text, copied; one line feed at its end belongs to it already. Null: nothing
-    /// logged
+    /// @param pszText    the text, copied; a line feed at its end is optional. Null: nothing is logged
     /// @param pAsnValue  not used by the default log; may be null
     /// @param bPrint     show the text on the console (stderr), whatever its level
     /// @param bLog       write the text to the log, whatever its level
