@@ -1,0 +1,303 @@
+#include "asyncio/TEIOReactor.h"
+#include "support/TestHost.h"
+
+#include <ace/Reactor.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+/// A connected pair of sockets; the near end belongs to the reactor's side of a test.
+class SocketPair
+{
+public:
+    SocketPair()
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+        iNear = ends[0];
+        iFar = ends[1];
+    }
+    ~SocketPair()
+    {
+        CloseNear();
+        close(iFar);
+    }
+    SocketPair(const SocketPair&) = delete;
+    SocketPair& operator=(const SocketPair&) = delete;
+
+    void CloseNear()
+    {
+        if (iNear >= 0)
+            close(iNear);
+        iNear = -1;
+    }
+    void Send(int iBytes) const
+    {
+        EXPECT_EQ(send(iFar, std::string(static_cast<std::size_t>(iBytes), 'x').data(),
+                       static_cast<std::size_t>(iBytes), MSG_NOSIGNAL),
+                  iBytes);
+    }
+
+    int iNear = -1;
+    int iFar = -1;
+};
+
+int ReadOne(ACE_HANDLE handle)
+{
+    char byte = 0;
+    return static_cast<int>(recv(handle, &byte, 1, MSG_DONTWAIT));
+}
+
+/// A handler whose calls are what the test says.
+class Handler : public ACE_Event_Handler
+{
+public:
+    int handle_input(ACE_HANDLE handle) override { return onInput ? onInput(handle) : 0; }
+    int handle_output(ACE_HANDLE handle) override { return onOutput ? onOutput(handle) : 0; }
+    int handle_close(ACE_HANDLE, ACE_Reactor_Mask) override
+    {
+        ++iCloses;
+        return 0;
+    }
+
+    std::function<int(ACE_HANDLE)> onInput;
+    std::function<int(ACE_HANDLE)> onOutput;
+    std::atomic<int> iCloses{0};
+};
+
+constexpr ACE_Reactor_Mask READ = ACE_Event_Handler::READ_MASK;
+constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
+constexpr ACE_Reactor_Mask ALL = ACE_Event_Handler::ALL_EVENTS_MASK;
+constexpr ACE_Reactor_Mask DONT_CALL = ACE_Event_Handler::DONT_CALL;
+
+} // namespace
+
+class IOReactor : public ::testing::Test
+{
+protected:
+    void Run(int iThreads)
+    {
+        for (int i = 0; i < iThreads; ++i)
+            m_threads.emplace_back([this] {
+                while (m_Front.reactor_event_loop_done() == 0)
+                    m_Front.handle_events();
+            });
+    }
+    void TearDown() override
+    {
+        m_Front.end_reactor_event_loop();
+        for (auto& thread : m_threads)
+            thread.join();
+    }
+
+    TEIOReactor reactor;
+
+private:
+    ACE_Reactor m_Front{&reactor};
+    std::vector<std::thread> m_threads;
+};
+
+TEST_F(IOReactor, WriteEventsAreSwitchedForRegisteredHandlesOnly)
+{
+    SocketPair pair;
+    Handler handler;
+    EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 0) << "not registered";
+    for (const ACE_HANDLE handle : {-1, 1023, 1024, 1 << 20})
+    {
+        EXPECT_EQ(reactor.EnableWriteEvents(handle), 0) << handle;
+        EXPECT_EQ(reactor.DisableWriteEvents(handle), 0) << handle;
+    }
+    ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
+    EXPECT_EQ(reactor.DisableWriteEvents(pair.iNear), 0);
+    EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 1);
+    EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 0);
+    EXPECT_EQ(reactor.DisableWriteEvents(pair.iNear), 1);
+    EXPECT_EQ(reactor.DisableWriteEvents(pair.iNear), 0);
+
+    // Suspended, as during a handler call, the change waits for the end of the call.
+    ASSERT_EQ(reactor.suspend_handler(pair.iNear), 0);
+    EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 1);
+    EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 0);
+    ASSERT_EQ(reactor.resume_handler(pair.iNear), 0);
+    EXPECT_EQ(reactor.DisableWriteEvents(pair.iNear), 1);
+    EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
+}
+
+TEST_F(IOReactor, SwitchingReachesTheLeaderInItsWait)
+{
+    SocketPair pair;
+    Handler handler;
+    std::atomic<int> iOutputs{0};
+    handler.onOutput = [&](ACE_HANDLE handle) {
+        ++iOutputs;
+        reactor.DisableWriteEvents(handle);
+        return 0;
+    };
+    ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
+    Run(2);
+    for (int i = 1; i <= 200; ++i)
+    {
+        EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 1);
+        ASSERT_TRUE(WaitUntil([&] { return iOutputs == i; })) << i;
+        // The call that has counted itself may not have switched them off yet.
+        ASSERT_TRUE(WaitUntil([&] { return reactor.DisableWriteEvents(pair.iNear) == 0; }));
+    }
+    EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
+}
+
+// Connections that always have something to read: each gets its turn, the highest handle like the lowest.
+TEST_F(IOReactor, BusyHandlesAreServedEvenly)
+{
+    constexpr int iConnections = 60;
+    constexpr int iBytes = 2000;
+    constexpr int iWanted = iConnections * iBytes / 4;
+    std::vector<std::unique_ptr<SocketPair>> pairs;
+    std::vector<std::unique_ptr<Handler>> handlers;
+    std::vector<std::atomic<int>> served(iConnections);
+    std::atomic<int> iServed{0};
+    for (int i = 0; i < iConnections; ++i)
+    {
+        pairs.push_back(std::make_unique<SocketPair>());
+        handlers.push_back(std::make_unique<Handler>());
+        pairs.back()->Send(iBytes);
+        handlers.back()->onInput = [&, i](ACE_HANDLE handle) {
+            if (iServed >= iWanted)
+                return 0;
+            ReadOne(handle);
+            ++served[static_cast<std::size_t>(i)];
+            ++iServed;
+            return 0;
+        };
+    }
+    for (int i = 0; i < iConnections; ++i)
+        ASSERT_EQ(reactor.register_handler(pairs[static_cast<std::size_t>(i)]->iNear,
+                                           handlers[static_cast<std::size_t>(i)].get(), READ),
+                  0);
+    Run(2);
+    ASSERT_TRUE(WaitUntil([&] { return iServed >= iWanted; }));
+    const auto [least, most] = std::minmax_element(served.begin(), served.end());
+    const int iMean = iServed / iConnections;
+    EXPECT_GT(*least, iMean / 2);
+    EXPECT_LT(*most, iMean * 2);
+    for (const auto& pPair : pairs)
+        reactor.remove_handler(pPair->iNear, ALL | DONT_CALL);
+}
+
+// A handler call fails for a registration that is gone, while its handler is registered anew for a new descriptor with
+// the same number: the new registration stays, and is neither dropped nor told to close.
+TEST_F(IOReactor, FailedCallOfAnOldRegistrationLeavesTheNewOneAlone)
+{
+    for (const int iOldResult : {-1, 0})
+    {
+        Handler handler;
+        std::atomic<bool> bInside{false};
+        std::atomic<bool> bLeave{false};
+        std::atomic<int> iNewInputs{0};
+        std::atomic<bool> bReopened{false};
+        handler.onInput = [&](ACE_HANDLE handle) {
+            ReadOne(handle);
+            if (bReopened)
+            {
+                ++iNewInputs;
+                return 0;
+            }
+            bInside = true;
+            while (!bLeave)
+                std::this_thread::yield();
+            return iOldResult;
+        };
+        auto pOld = std::make_unique<SocketPair>();
+        const int iHandle = pOld->iNear;
+        ASSERT_EQ(reactor.register_handler(iHandle, &handler, READ), 0);
+        std::thread dispatcher([&] { reactor.handle_events(); });
+        pOld->Send(1);
+        ASSERT_TRUE(WaitUntil([&] { return bInside.load(); }));
+
+        ASSERT_EQ(reactor.remove_handler(iHandle, ALL | DONT_CALL), 0);
+        pOld->CloseNear();
+        SocketPair fresh;
+        // Linux hands the lowest free number out; make sure it is the old one.
+        if (fresh.iNear != iHandle)
+        {
+            ASSERT_EQ(dup2(fresh.iNear, iHandle), iHandle);
+            close(fresh.iNear);
+            fresh.iNear = iHandle;
+        }
+        bReopened = true;
+        ASSERT_EQ(reactor.register_handler(iHandle, &handler, READ), 0);
+        bLeave = true;
+        dispatcher.join();
+
+        EXPECT_EQ(handler.iCloses, 0);
+        fresh.Send(1);
+        ACE_Time_Value limit(10);
+        for (int i = 0; i < 10 && iNewInputs == 0 && limit > ACE_Time_Value::zero; ++i)
+            reactor.handle_events(limit);
+        EXPECT_EQ(iNewInputs, 1) << "old result " << iOldResult;
+        EXPECT_EQ(reactor.remove_handler(iHandle, ALL | DONT_CALL), 0);
+    }
+}
+
+TEST_F(IOReactor, FailedCallDropsItsOwnRegistration)
+{
+    SocketPair pair;
+    Handler handler;
+    handler.onInput = [](ACE_HANDLE) { return -1; };
+    ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
+    pair.Send(1);
+    Run(1);
+    ASSERT_TRUE(WaitUntil([&] { return handler.iCloses == 1; }));
+    EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), -1) << "gone already";
+}
+
+TEST_F(IOReactor, HandleNumbersBeyondTheLimitAreRefused)
+{
+    Handler handler;
+    EXPECT_EQ(reactor.register_handler(1024, &handler, READ | WRITE), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+// A handler's connection is closed, reopened under the same number and registered again while its last call is about to
+// fail: whichever comes first, each new registration is served.
+TEST_F(IOReactor, ReopenedHandlesAreServedThroughChurn)
+{
+    Run(3);
+    Handler handler;
+    std::atomic<int> iInputs{0};
+    handler.onInput = [&](ACE_HANDLE handle) {
+        if (ReadOne(handle) != 1)
+            return 0;
+        const int iInput = ++iInputs;
+        // Sometimes the call ends before the connection is reopened, sometimes after.
+        for (int i = 0; i < iInput % 64; ++i)
+            std::this_thread::yield();
+        return -1;
+    };
+    const auto bServed = [&](int iInput) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (iInputs < iInput && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::yield();
+        return iInputs >= iInput;
+    };
+    for (int i = 1; i <= StressRounds(5000); ++i)
+    {
+        SocketPair pair;
+        ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
+        pair.Send(1);
+        ASSERT_TRUE(bServed(i)) << "lost in round " << i;
+        reactor.remove_handler(pair.iNear, ALL | DONT_CALL);
+    }
+}
