@@ -15,12 +15,14 @@ namespace {
 class Report : public TestMessage
 {
 public:
+    static constexpr int THROWS = -99;
+
     explicit Report(int iCommands)
         : m_iCommands(iCommands)
     {}
     int GetCommandCount() override
     {
-        if (m_iCommands == -99)
+        if (m_iCommands == THROWS)
             throw std::runtime_error("no number");
         return m_iCommands;
     }
@@ -33,7 +35,7 @@ private:
 class Entry
 {
 public:
-    explicit Entry(TEMessage* pMessage, int iStop = 0)
+    Entry(TEMessage* pMessage, int iStop)
         : m_Entry{pMessage, iStop}
         , block(reinterpret_cast<const char*>(&m_Entry), CQxHandleMessage::BLOCK_SIZE)
     {}
@@ -52,10 +54,22 @@ class ReportQueue : public HostTest
 protected:
     void TearDown() override
     {
-        // The blocks are the tests' own.
+        // The queue would release the blocks, which are the test's.
         ACE_Message_Block* pBlock = nullptr;
         while (!queue.is_empty())
             queue.ACE_Message_Queue<ACE_MT_SYNCH>::dequeue_head(pBlock);
+    }
+
+    /// A block with a report of so many commands.
+    ACE_Message_Block* NewReport(int iCommands)
+    {
+        m_reports.push_back(std::make_unique<Report>(iCommands));
+        return NewEntry(m_reports.back().get(), 0);
+    }
+    ACE_Message_Block* NewEntry(TEMessage* pMessage, int iStop)
+    {
+        m_entries.push_back(std::make_unique<Entry>(pMessage, iStop));
+        return &m_entries.back()->block;
     }
 
     ACE_Message_Block* Take()
@@ -65,63 +79,56 @@ protected:
         return pBlock;
     }
 
+private:
+    std::vector<std::unique_ptr<Report>> m_reports;
+    std::vector<std::unique_ptr<Entry>> m_entries;
+
+protected:
+    ACE_Message_Block m_Empty;
     Report_Message_Queue queue;
 };
 
 TEST_F(ReportQueue, CommandsAreCountedWhileTheirMessagesAreQueued)
 {
-    Report three(3);
-    Report none(0);
-    Entry a(&three);
-    Entry b(&none);
-    EXPECT_EQ(queue.enqueue(&a.block), 1);
-    EXPECT_EQ(queue.enqueue(&b.block), 2);
+    ACE_Message_Block* pThree = NewReport(3);
+    ACE_Message_Block* pNone = NewReport(0);
+    EXPECT_EQ(queue.enqueue(pThree), 1);
+    EXPECT_EQ(queue.enqueue(pNone), 2);
     EXPECT_EQ(queue.GetCmdCount(), 3);
     EXPECT_EQ(queue.message_bytes(), 16U) << "each entry counts its block size";
-    EXPECT_EQ(Take(), &a.block) << "first in, first out";
+    EXPECT_EQ(Take(), pThree) << "first in, first out";
     EXPECT_EQ(queue.GetCmdCount(), 0);
-    EXPECT_EQ(Take(), &b.block);
+    EXPECT_EQ(Take(), pNone);
 }
 
 TEST_F(ReportQueue, StopEntryGoesFirstAndCountsNothing)
 {
-    Report three(3);
-    Entry report(&three);
-    Entry stop(nullptr, 1);
-    queue.enqueue(&report.block);
-    EXPECT_EQ(queue.enqueue_head(&stop.block), 2);
-    EXPECT_EQ(Take(), &stop.block);
+    ACE_Message_Block* pStop = NewEntry(nullptr, 1);
+    queue.enqueue(NewReport(3));
+    EXPECT_EQ(queue.enqueue_head(pStop), 2);
+    EXPECT_EQ(Take(), pStop);
     EXPECT_EQ(queue.GetCmdCount(), 3);
 }
 
 TEST_F(ReportQueue, MessagesWithAnImpossibleCountAreNotQueued)
 {
-    Report negative(-1);
-    Report many(std::numeric_limits<int>::max());
-    Report one(1);
-    Report silent(-99);
-    Entry a(&negative);
-    Entry b(&many);
-    Entry c(&one);
-    Entry d(&silent);
-    EXPECT_EQ(queue.enqueue(&a.block), -1);
-    EXPECT_EQ(queue.enqueue(&b.block), 1);
-    EXPECT_EQ(queue.enqueue(&c.block), -1) << "the sum would overflow";
+    constexpr int iMost = std::numeric_limits<int>::max();
+    EXPECT_EQ(queue.enqueue(NewReport(-1)), -1);
+    EXPECT_EQ(queue.enqueue(NewReport(iMost)), 1);
+    EXPECT_EQ(queue.enqueue(NewReport(1)), -1) << "the sum would overflow";
     EXPECT_EQ(host.Count(1, "Error: Report_Message_Queue::IncCmdCount() return -1\n"), 2);
-    EXPECT_EQ(queue.GetCmdCount(), std::numeric_limits<int>::max());
-    EXPECT_EQ(queue.enqueue(&d.block), 2) << "a message that cannot tell counts as none";
+    EXPECT_EQ(queue.GetCmdCount(), iMost);
+    EXPECT_EQ(queue.enqueue(NewReport(Report::THROWS)), 2) << "a message that cannot tell counts as none";
     EXPECT_EQ(queue.message_count(), 2U);
     EXPECT_EQ(queue.enqueue(nullptr), -1);
 }
 
 TEST_F(ReportQueue, CountFallsToZeroAtMost)
 {
-    Report three(3);
-    Entry entry(&three);
-    queue.enqueue(&entry.block);
+    queue.enqueue(NewReport(3));
     EXPECT_EQ(queue.RelCmdCount(1), 2);
     EXPECT_EQ(queue.RelCmdCount(-1), -1);
-    EXPECT_EQ(Take(), &entry.block);
+    Take();
     EXPECT_EQ(host.Count(1, "Error: Report_Message_Queue::RelCmdCount() return -1\n"), 1);
     EXPECT_EQ(queue.GetCmdCount(), 0);
     EXPECT_EQ(queue.IncCmdCount(-1), -1);
@@ -130,24 +137,18 @@ TEST_F(ReportQueue, CountFallsToZeroAtMost)
 
 TEST_F(ReportQueue, BlockWithoutEntryGivesAnErrorAndTheBlock)
 {
-    ACE_Message_Block empty;
-    EXPECT_EQ(queue.enqueue(&empty), 1);
+    EXPECT_EQ(queue.enqueue(&m_Empty), 1);
     ACE_Message_Block* pBlock = nullptr;
     EXPECT_EQ(queue.dequeue(pBlock), -1);
-    EXPECT_EQ(pBlock, &empty);
+    EXPECT_EQ(pBlock, &m_Empty);
 }
 
 TEST_F(ReportQueue, TakesTwoThousandEntriesThenMakesItsProducersWait)
 {
-    std::vector<std::unique_ptr<Entry>> entries;
     for (int i = 0; i < 2048; ++i)
-    {
-        entries.push_back(std::make_unique<Entry>(nullptr));
-        ASSERT_EQ(queue.enqueue(&entries.back()->block), i + 1);
-    }
-    Entry last(nullptr);
+        ASSERT_EQ(queue.enqueue(NewReport(0)), i + 1);
     ACE_Time_Value now = ACE_OS::gettimeofday();
-    EXPECT_EQ(queue.enqueue(&last.block, &now), -1);
+    EXPECT_EQ(queue.enqueue(NewReport(0), &now), -1);
     EXPECT_EQ(errno, EWOULDBLOCK);
 }
 
@@ -155,18 +156,14 @@ TEST_F(ReportQueue, CountIsExactUnderThreads)
 {
     constexpr int iPairs = 4;
     const int iEach = StressRounds(3000);
-    std::vector<std::unique_ptr<Report>> reports;
-    std::vector<std::unique_ptr<Entry>> entries;
+    std::vector<ACE_Message_Block*> blocks;
     for (int i = 0; i < iPairs * iEach; ++i)
-    {
-        reports.push_back(std::make_unique<Report>(i % 5));
-        entries.push_back(std::make_unique<Entry>(reports.back().get()));
-    }
+        blocks.push_back(NewReport(i % 5));
     RunTogether(2 * iPairs, [&](int iThread) {
         for (int i = 0; i < iEach; ++i)
         {
             if (iThread < iPairs)
-                queue.enqueue(&entries[static_cast<std::size_t>(iThread * iEach + i)]->block);
+                queue.enqueue(blocks[static_cast<std::size_t>(iThread * iEach + i)]);
             else
                 Take();
         }
