@@ -5,8 +5,9 @@
 
 class TEMessage;
 
-/// Entry of the response and report queues: a message to handle, or the order to a thread to stop. Allocated for
-/// each entry and freed by whoever takes it out of its queue; the message is owned by the entry until then.
+/// Entry of the response and report queues: a message to handle, or the order to a thread to stop. Allocated
+/// for each entry and freed by whoever takes it out of its queue; the message is owned by the entry until
+/// then.
 struct CQxHandleMessage
 {
     /// What an entry counts against a queue's water marks: the size given to its message block.

@@ -10,18 +10,19 @@
 
 #include <ace/Message_Queue.h>
 
-/// The report queue: counts the commands of the messages in it, so that a flood of reports can be discarded by their
-/// number. Its blocks are built over a CQxHandleMessage each and own neither that nor the message.
+/// The report queue: counts the commands of the messages in it, so that a flood of reports can be discarded
+/// by their number. Its blocks are built over a CQxHandleMessage each and own neither that nor the message.
 ///
-/// Every operation may be called from any thread. The count's lock and the queue's own are never held together.
+/// Every operation may be called from any thread. The count's lock and the queue's own are never held
+/// together.
 class Report_Message_Queue : public ACE_Message_Queue<ACE_MT_SYNCH>
 {
 public:
     ~Report_Message_Queue() override;
 
-    /// Raises the command count by the message's commands, then queues the block behind the others. While the queue
-    /// is full the caller waits, at most until timeout (absolute; null: without limit). A failure to queue does not
-    /// lower the count again.
+    /// Raises the command count by the message's commands, then queues the block behind the others. While the
+    /// queue is full the caller waits, at most until timeout (absolute; null: without limit). A failure to
+    /// queue does not lower the count again.
     /// @return the number of blocks queued, -1 on failure: the block stays its caller's
     int enqueue(ACE_Message_Block* pBlock, ACE_Time_Value* pTimeout = nullptr) override;
 
@@ -29,8 +30,8 @@ public:
     /// @return the number of blocks left, -1 on failure or for a block without entry
     int dequeue(ACE_Message_Block*& pBlock, ACE_Time_Value* pTimeout = nullptr) override;
 
-    /// Adds to or takes from the command count. @return the new count; -1 for a negative number or when the count
-    /// would overflow, which leaves it, or fall below 0, which sets it to 0
+    /// Adds to or takes from the command count. @return the new count; -1 for a negative number or when the
+    /// count would overflow, which leaves it, or fall below 0, which sets it to 0
     int IncCmdCount(int iCommands) TARN_EXCLUDES(m_CmdCountLock);
     int RelCmdCount(int iCommands) TARN_EXCLUDES(m_CmdCountLock);
     int GetCmdCount() TARN_EXCLUDES(m_CmdCountLock);

@@ -5,8 +5,8 @@
 
 namespace {
 
-// The handler call that this thread has begun last. ACE suspends the handle on the dispatching thread before the
-// call, and drops or resumes it on the same thread afterwards.
+// The handler call that this thread has begun last. ACE suspends the handle on the dispatching thread before
+// the call, and drops or resumes it on the same thread afterwards.
 struct HandlerCall
 {
     const TEIOReactor* pReactor = nullptr;
@@ -15,8 +15,8 @@ struct HandlerCall
 };
 thread_local HandlerCall t_Call;
 
-// What ACE removes after a handler call that failed: the one event of the call. Whoever unregisters a handle removes
-// more.
+// What ACE removes after a handler call that failed: the one event of the call. Whoever unregisters a handle
+// removes more.
 bool IsSingleEvent(ACE_Reactor_Mask mask)
 {
     return mask == ACE_Event_Handler::READ_MASK || mask == ACE_Event_Handler::WRITE_MASK ||
@@ -59,6 +59,17 @@ int TEIOReactor::SwitchWriteEvents(ACE_HANDLE handle, bool bOn)
     if (suspend_set_.rd_mask_.is_set(handle) != 0)
         return Switch(suspend_set_.wr_mask_, handle, bOn) ? 1 : 0;
     return 0;
+}
+
+void TEIOReactor::deactivate(int iStop)
+{
+    m_iDeactivated = iStop;
+    ACE_TP_Reactor::deactivate(iStop);
+}
+
+int TEIOReactor::deactivated()
+{
+    return m_iDeactivated;
 }
 
 void TEIOReactor::clear_dispatch_mask(ACE_HANDLE handle, ACE_Reactor_Mask mask)

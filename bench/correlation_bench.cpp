@@ -2,8 +2,8 @@
 //
 //   RegisterFindUnregister/N  one source with one sink is announced, found and unregistered beside N open
 //                             sources
-//   Tick/N                    one tick of the message timer over N open sources, 1,000 of which expire (all of
-//                             them when N is smaller)
+//   Tick/N                    one tick of the message timer over N open sources, 1,000 of which expire (all
+//                             of them when N is smaller)
 //
 // The library's own timer ticks, every 5 seconds; the sources note when the tick reaches the first of them
 // and when the last expired one is reported.

@@ -77,7 +77,8 @@ int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
     }
     for (const TEMessageUnit& sinkUnit : it->second.lstSinkUnit)
         m_mapSinkToSource.erase(sinkUnit);
-    m_mapMsgInfo.erase(it);
+    // Out of the map before it is destroyed: the destructor of a message that it owns may come back here.
+    const auto node = m_mapMsgInfo.extract(it);
     return 0;
 }
 
@@ -162,7 +163,7 @@ int TEAdapterManager::EraseFromInfoMap(MapMsgInfo::iterator it)
         TarnAdapterFrmtTrace(2, "TEAdapterManager::EraseFromInfoMap fail, input para it=end\n");
         return -1;
     }
-    m_mapMsgInfo.erase(it);
+    const auto node = m_mapMsgInfo.extract(it); // as in UnRegisterSourceMessage
     return 0;
 }
 

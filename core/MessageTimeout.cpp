@@ -2,14 +2,14 @@
 
 #include "core/ApplicationCall.h"
 #include "core/LogArguments.h"
+#include "core/StopGate.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TEMessage.h"
 #include "tarnadapterframe/TEMessageAdapter.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/tarnbaseutil.h"
 
-#include <algorithm>
-#include <limits>
+#include <utility>
 
 TEMessageTimer::TEMessageTimer()
     : ACE_Event_Handler(nullptr, 0)
@@ -24,6 +24,9 @@ int TEMessageTimer::handle_timeout(const ACE_Time_Value& currentTime, const void
 int TEAdapterManager::HandleTimeOut(const ACE_Time_Value& /*currentTime*/, const void* /*pArg*/)
 {
     if (TarnAppIsExit())
+        return 0;
+    const StopGate::Pass pass(*m_pStopGate);
+    if (!pass)
         return 0;
 
     MapMsgInfo mapExpired;
@@ -46,37 +49,42 @@ int TEAdapterManager::HandleTimeOut(const ACE_Time_Value& /*currentTime*/, const
 void TEAdapterManager::CollectExpired(MapMsgInfo& mapExpired)
 {
     const TarnGuard guard(m_MsgMapMtx);
-    auto itNext = m_mapMsgInfo.begin();
-    while (itNext != m_mapMsgInfo.end())
+    auto it = m_mapMsgInfo.begin();
+    while (it != m_mapMsgInfo.end())
     {
-        const auto it = itNext++;
-        TEMessageInfo& info = it->second;
-        if (info.pSource == nullptr)
+        if (!HasExpiredLocked(it->second))
         {
-            TarnAdapterFrmtTrace(1, "TEAdapterManager::HandleTimeOut, warning, pSrcMessage=NULL! \n ");
+            ++it;
             continue;
         }
-        if (!CountDownLocked(info))
-            continue;
-        TarnAdapterFrmtTrace(2, "HandleTimeOut() del %s[0x%x]\n", ClassName(*info.pSource),
-                             Low32(info.pSource));
-        UnlinkExpiredSinksLocked(info);
-        info.DeleteOwnedMessage();
-        // The record itself moves over: nothing is copied and nothing can fail for want of memory.
-        mapExpired.insert(m_mapMsgInfo.extract(it));
+        TarnAdapterFrmtTrace(2, "HandleTimeOut() del %s[0x%x]\n", ClassName(*it->second.pSource),
+                             Low32(it->second.pSource));
+        UnlinkExpiredSinksLocked(it->second);
+        // The record itself moves over: nothing is copied and nothing can fail for want of memory. The
+        // destructor of a message that it owns may change the map, which therefore is searched anew for the
+        // next record.
+        const TEMessageUnit unit = it->first;
+        auto node = m_mapMsgInfo.extract(it);
+        node.mapped().DeleteOwnedMessage();
+        mapExpired.insert(std::move(node));
+        it = m_mapMsgInfo.upper_bound(unit);
     }
 }
 
-// Takes one tick off an asynchronous source's remaining time. True when it has run out.
-bool TEAdapterManager::CountDownLocked(TEMessageInfo& info)
+// Takes one tick off the remaining time of a record's source if it is an asynchronous one. True when it has
+// run out.
+bool TEAdapterManager::HasExpiredLocked(TEMessageInfo& info)
 {
+    if (info.pSource == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TEAdapterManager::HandleTimeOut, warning, pSrcMessage=NULL! \n ");
+        return false;
+    }
     EMessageSyncFlag eSyncFlag = SYNC_MESSAGE;
     CallApplication("GetSyncFlag", typeid(*info.pSource), [&] { eSyncFlag = info.pSource->GetSyncFlag(); });
     if (eSyncFlag != ASYNC_MESSAGE)
         return false;
-    constexpr int iSmallest = std::numeric_limits<int>::min() + TEMessageTimer::TICK_SECONDS;
-    info.nTimeOut = std::max(info.pSource->GetTimeOut(), iSmallest) - TEMessageTimer::TICK_SECONDS;
-    info.pSource->SetTimeOut(info.nTimeOut);
+    info.nTimeOut = info.pSource->CountDown(TEMessageTimer::TICK_SECONDS);
     return info.nTimeOut < 0;
 }
 

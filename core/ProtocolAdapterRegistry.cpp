@@ -1,6 +1,7 @@
 #include "core/ApplicationCall.h"
 #include "core/LogArguments.h"
 #include "core/ManagerParts.h"
+#include "core/StopGate.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/TarnProtocolAdapter.h"
@@ -69,6 +70,10 @@ bool TEAdapterManager::InsertProtocolAdapter(std::uint32_t ulProtocolID, TarnPro
 // wish is lost.
 bool TEAdapterManager::RequestAsyncIO()
 {
+    // Once the stop has begun nothing is started any more: it would outlive its own stop.
+    const StopGate::Pass pass(*m_pStopGate);
+    if (!pass)
+        return false;
     if (!s_bStarted)
     {
         s_bAsyncIOPending = true;

@@ -5,6 +5,7 @@
 #include "core/ManagerParts.h"
 #include "core/MessageAdapterTable.h"
 #include "core/ReactorDescriptors.h"
+#include "core/StopGate.h"
 #include "core/TEMessageTimer.h"
 #include "core/ThreadsLeft.h"
 #include "platform/tarnplatform.h"
@@ -53,15 +54,26 @@ TEAdapterManager* TEAdapterManager::Instance()
 
 void TEAdapterManager::Destroy()
 {
-    ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
-    // The pointer is cleared last: the timer thread, which is waited for in here, still asks for the manager,
-    // and must find it without taking the lock that this thread holds.
-    delete m_pInstance.load(std::memory_order_acquire);
-    m_pInstance.store(nullptr, std::memory_order_release);
+    TEAdapterManager* pManager = m_pInstance.load(std::memory_order_acquire);
+    if (pManager == nullptr)
+        return;
+    // Before the lock is taken: a tick under way may be the first to use some singleton, and so may want it.
+    pManager->m_pStopGate->ShutAndWait();
+    const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
+    {
+        ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
+        // The pointer is cleared last: the timer thread, which is waited for in here, still asks for the
+        // manager, and must find it without taking the lock that this thread holds.
+        delete pManager;
+        m_pInstance.store(nullptr, std::memory_order_release);
+    }
+    // After it is released: what runs at a thread's end is the application's, too.
+    pTimerThreadsLeft->WaitUntilNone();
 }
 
 TEAdapterManager::TEAdapterManager()
-    : m_pTimerThreadsLeft(std::make_unique<ThreadsLeft>())
+    : m_pTimerThreadsLeft(std::make_shared<ThreadsLeft>())
+    , m_pStopGate(std::make_unique<StopGate>())
 {
     if (g_ManagerParts.pfnBuiltInAdapter == nullptr)
         return;
@@ -182,14 +194,14 @@ void TEAdapterManager::RunTimerEventLoop()
         m_TimerThreadStarted.signal();
         return;
     }
-    AddToTimerThreadCount(1);
-    m_TimerThreadStarted.signal();
     {
+        const CountedIn countedIn(*this);
         ACE_Sig_Set signals(true);
         signals.sig_del(SIGINT);
         signals.sig_del(0);
         const ACE_Sig_Guard signalGuard(&signals);
         m_pReactor->owner(ACE_Thread::self());
+        m_TimerThreadStarted.signal();
         while (m_pReactor->reactor_event_loop_done() == 0)
         {
             // A reactor that fails at once, again and again, must not take a processor with it.
@@ -199,8 +211,19 @@ void TEAdapterManager::RunTimerEventLoop()
         }
     }
     // The manager may be gone as soon as the count is 0: nothing of it is touched afterwards.
-    AddToTimerThreadCount(-1);
     TarnAdapterFrmtTrace(3, "TEAdapterManager Quit Thread process eventLoop is 0x%x. \n", ulThreadId);
+}
+
+// Also when the application ends the thread inside a call, the thread is counted out.
+TEAdapterManager::CountedIn::CountedIn(TEAdapterManager& manager)
+    : m_Manager(manager)
+{
+    m_Manager.AddToTimerThreadCount(1);
+}
+
+TEAdapterManager::CountedIn::~CountedIn()
+{
+    m_Manager.AddToTimerThreadCount(-1);
 }
 
 int TEAdapterManager::TimerThreadCount()
@@ -246,9 +269,13 @@ void TEAdapterManager::StopMessageTimer()
 
 void TEAdapterManager::ClearMessageMaps()
 {
+    // Destroyed after the lock is released and out of the members: the destructor of a message that a record
+    // owns may come back to the maps.
+    MapSinkToSource mapSinkToSource;
+    MapMsgInfo mapMsgInfo;
     const TarnGuard guard(m_MsgMapMtx);
-    m_mapSinkToSource.clear();
-    m_mapMsgInfo.clear();
+    m_mapSinkToSource.swap(mapSinkToSource);
+    m_mapMsgInfo.swap(mapMsgInfo);
 }
 
 void TEAdapterManager::WaitForTimerThread()
@@ -258,5 +285,4 @@ void TEAdapterManager::WaitForTimerThread()
         TarnAdapterTrace(3, "~TEAdapterManager,waiting for thread to quit\n", true, true);
         Sleep(THREAD_POLL_MS);
     }
-    m_pTimerThreadsLeft->WaitUntilNone();
 }

@@ -4,6 +4,9 @@
 #include "core/MessageUnit.h"
 #include "tarnadapterframe/TarnProtocolAdapter.h"
 
+#include <algorithm>
+#include <limits>
+
 TEMsgUserData::~TEMsgUserData() = default;
 
 TEMessage::TEMessage(TarnProtocolAdapter* pProtocolAdapter, EAdapterMessageType eType, int nTimeOut)
@@ -94,6 +97,13 @@ void TEMessage::SetTimeOut(int nTimeOut)
 int TEMessage::GetTimeOut() const
 {
     const TarnReadGuard guard(m_TimeOutLock);
+    return m_nTimeOut;
+}
+
+int TEMessage::CountDown(int nSeconds)
+{
+    const TarnWriteGuard guard(m_TimeOutLock);
+    m_nTimeOut = std::max(m_nTimeOut, std::numeric_limits<int>::min() + nSeconds) - nSeconds;
     return m_nTimeOut;
 }
 

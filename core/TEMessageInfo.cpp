@@ -91,6 +91,8 @@ void TEMessageInfo::DeleteOwnedMessage()
     if (pOwnedMsg == nullptr)
         return;
     TarnAdapterFrmtTrace(2, "~TEMessageInfo() del %s[0x%x]\n", ClassName(*pOwnedMsg), Low32(pOwnedMsg));
-    delete pOwnedMsg;
+    // Forgotten first: its destructor may come back to this record.
+    const TEMessage* pMessage = pOwnedMsg;
     pOwnedMsg = nullptr;
+    delete pMessage;
 }

@@ -23,6 +23,7 @@ ACE_END_VERSIONED_NAMESPACE_DECL
 
 class TEMessage;
 class TEMessageAdapter;
+class StopGate;
 class TEMessageTimer;
 class TarnProtocolAdapter;
 class ThreadsLeft;
@@ -98,19 +99,20 @@ public:
     ///         refused (the adapter stays its caller's), or asynchronous I/O could not be started: the
     ///         adapter is then unregistered again, but the manager's
     int RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr,
-                                bool bStartAsyncIO);
+                                bool bStartAsyncIO) TARN_EXCLUDES(m_RegistryMutex);
     /// Takes an adapter out of use. It stays alive until the manager is destroyed, since other threads may
     /// still be inside it. @return 0, or -1 when the id is not registered.
-    int UnRegisterProtocolAdapter(std::uint32_t ulProtocolID);
+    int UnRegisterProtocolAdapter(std::uint32_t ulProtocolID) TARN_EXCLUDES(m_RegistryMutex);
     /// The adapter registered under an id, or null, which is logged. It stays alive until the manager is
     /// destroyed.
-    TarnProtocolAdapter* GetProtocolAdapter(std::uint32_t ulProtocolID);
+    TarnProtocolAdapter* GetProtocolAdapter(std::uint32_t ulProtocolID) TARN_EXCLUDES(m_RegistryMutex);
 
     /// Framing dispatch: asks the adapter registered under ulProtocolID for the first whole message in data,
     /// see TarnProtocolAdapter::CheckMessageValid. Called by connections on their I/O threads.
     /// @return above 0 the length of the message; 0 wait for more bytes (also without adapter and while the
     ///         application is exiting); -1 the bytes are not valid
-    int CheckMessageValid(void* pHandle, std::vector<unsigned char>& data, std::uint32_t ulProtocolID);
+    int CheckMessageValid(void* pHandle, std::vector<unsigned char>& data, std::uint32_t ulProtocolID)
+        TARN_EXCLUDES(m_RegistryMutex);
 
     /// Announces a source message that its message adapter will answer. A source announced before keeps its
     /// record, adapter and timeout; user data that is not null replaces the record's.
@@ -174,7 +176,7 @@ private:
         TARN_EXCLUDES(m_RegistryMutex);
     bool RetireProtocolAdapter(std::uint32_t ulProtocolID, const TarnProtocolAdapter* pOnly)
         TARN_EXCLUDES(m_RegistryMutex);
-    static bool RequestAsyncIO();
+    bool RequestAsyncIO();
     static int StartAsyncIO();
 
     // Start; each logs its own failure and takes back what it has created
@@ -199,13 +201,25 @@ private:
     // Body of the timer thread; p is the manager.
     static ACE_THR_FUNC_RETURN StartTimerEventLoop(void* p);
     void RunTimerEventLoop();
+    // In m_nTimerThreadCount for its own lifetime.
+    class CountedIn
+    {
+    public:
+        explicit CountedIn(TEAdapterManager& manager);
+        ~CountedIn();
+        CountedIn(const CountedIn&) = delete;
+        CountedIn& operator=(const CountedIn&) = delete;
+
+    private:
+        TEAdapterManager& m_Manager;
+    };
     int TimerThreadCount() TARN_EXCLUDES(m_TimerThreadCountLock);
     void AddToTimerThreadCount(int iDelta) TARN_EXCLUDES(m_TimerThreadCountLock);
 
     // One tick, on the timer thread. Neither argument is looked at.
     int HandleTimeOut(const ACE_Time_Value& currentTime, const void* pArg);
     void CollectExpired(MapMsgInfo& mapExpired) TARN_EXCLUDES(m_MsgMapMtx);
-    bool CountDownLocked(TEMessageInfo& info) TARN_REQUIRES(m_MsgMapMtx);
+    static bool HasExpiredLocked(TEMessageInfo& info);
     void UnlinkExpiredSinksLocked(const TEMessageInfo& info) TARN_REQUIRES(m_MsgMapMtx);
 
     // Guarded by m_MsgMapMtx.
@@ -233,8 +247,11 @@ private:
     std::set<TarnProtocolAdapter*> m_setOwnedAdapter TARN_GUARDED_BY(m_RegistryMutex);
     // Signalled by a timer thread that has counted itself, or has given up before.
     ACE_Manual_Event m_TimerThreadStarted;
-    // Knows when the timer thread has ended for good, after it has left the count.
-    const std::unique_ptr<ThreadsLeft> m_pTimerThreadsLeft;
+    // Knows when the timer thread has ended for good, after it has left the count. Outlives the manager by
+    // that.
+    const std::shared_ptr<ThreadsLeft> m_pTimerThreadsLeft;
+    // Passed by ticks and by requests to start asynchronous I/O; shut by the stop.
+    const std::unique_ptr<StopGate> m_pStopGate;
 
     static std::atomic<TEAdapterManager*> m_pInstance;
     static std::atomic<bool> s_bStarted; ///< Init has succeeded, the manager has not been destroyed since

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+class TEAdapterManager;
 class TEMessageAdapter;
 class TarnProtocolAdapter;
 
@@ -92,6 +93,11 @@ protected:
     TarnProtocolAdapter* m_pProtocolAdapter;
 
 private:
+    friend class TEAdapterManager;
+
+    // Takes a tick off the time left, in one piece with whoever sets it meanwhile. Returns what is left.
+    int CountDown(int nSeconds);
+
     int m_nTimeOut TARN_GUARDED_BY(m_TimeOutLock);
     // Taken inside the manager's correlation lock, never the other way round.
     mutable TarnRWThreadMutex m_TimeOutLock;

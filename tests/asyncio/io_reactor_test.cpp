@@ -88,26 +88,38 @@ constexpr ACE_Reactor_Mask DONT_CALL = ACE_Event_Handler::DONT_CALL;
 class IOReactor : public ::testing::Test
 {
 protected:
-    void Run(int iThreads)
+    /// Threads that run the reactor for as long as it exists. Unregistering does not wait for a handler call
+    /// under way, so it is declared after the handlers and their sockets, and goes before them.
+    class Running
     {
-        for (int i = 0; i < iThreads; ++i)
-            m_threads.emplace_back([this] {
-                while (m_Front.reactor_event_loop_done() == 0)
-                    m_Front.handle_events();
-            });
-    }
-    void TearDown() override
-    {
-        m_Front.end_reactor_event_loop();
-        for (auto& thread : m_threads)
-            thread.join();
-    }
+    public:
+        Running(IOReactor& test, int iThreads)
+            : m_Front(test.m_Front)
+        {
+            for (int i = 0; i < iThreads; ++i)
+                m_threads.emplace_back([this] {
+                    while (m_Front.reactor_event_loop_done() == 0)
+                        m_Front.handle_events();
+                });
+        }
+        ~Running()
+        {
+            m_Front.end_reactor_event_loop();
+            for (auto& thread : m_threads)
+                thread.join();
+        }
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+
+    private:
+        ACE_Reactor& m_Front;
+        std::vector<std::thread> m_threads;
+    };
 
     TEIOReactor reactor;
 
 private:
     ACE_Reactor m_Front{&reactor};
-    std::vector<std::thread> m_threads;
 };
 
 TEST_F(IOReactor, WriteEventsAreSwitchedForRegisteredHandlesOnly)
@@ -147,7 +159,7 @@ TEST_F(IOReactor, SwitchingReachesTheLeaderInItsWait)
         return 0;
     };
     ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
-    Run(2);
+    const Running running(*this, 2);
     for (int i = 1; i <= 200; ++i)
     {
         EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 1);
@@ -186,7 +198,7 @@ TEST_F(IOReactor, BusyHandlesAreServedEvenly)
         ASSERT_EQ(reactor.register_handler(pairs[static_cast<std::size_t>(i)]->iNear,
                                            handlers[static_cast<std::size_t>(i)].get(), READ),
                   0);
-    Run(2);
+    const Running running(*this, 2);
     ASSERT_TRUE(WaitUntil([&] { return iServed >= iWanted; }));
     const auto [least, most] = std::minmax_element(served.begin(), served.end());
     const int iMean = iServed / iConnections;
@@ -196,8 +208,8 @@ TEST_F(IOReactor, BusyHandlesAreServedEvenly)
         reactor.remove_handler(pPair->iNear, ALL | DONT_CALL);
 }
 
-// A handler call fails for a registration that is gone, while its handler is registered anew for a new descriptor with
-// the same number: the new registration stays, and is neither dropped nor told to close.
+// A handler call fails for a registration that is gone, while its handler is registered anew for a new
+// descriptor with the same number: the new registration stays, and is neither dropped nor told to close.
 TEST_F(IOReactor, FailedCallOfAnOldRegistrationLeavesTheNewOneAlone)
 {
     for (const int iOldResult : {-1, 0})
@@ -258,7 +270,7 @@ TEST_F(IOReactor, FailedCallDropsItsOwnRegistration)
     handler.onInput = [](ACE_HANDLE) { return -1; };
     ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
     pair.Send(1);
-    Run(1);
+    const Running running(*this, 1);
     ASSERT_TRUE(WaitUntil([&] { return handler.iCloses == 1; }));
     EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), -1) << "gone already";
 }
@@ -270,11 +282,10 @@ TEST_F(IOReactor, HandleNumbersBeyondTheLimitAreRefused)
     EXPECT_EQ(errno, EINVAL);
 }
 
-// A handler's connection is closed, reopened under the same number and registered again while its last call is about to
-// fail: whichever comes first, each new registration is served.
+// A handler's connection is closed, reopened under the same number and registered again while its last call
+// is about to fail: whichever comes first, each new registration is served.
 TEST_F(IOReactor, ReopenedHandlesAreServedThroughChurn)
 {
-    Run(3);
     Handler handler;
     std::atomic<int> iInputs{0};
     handler.onInput = [&](ACE_HANDLE handle) {
@@ -292,6 +303,7 @@ TEST_F(IOReactor, ReopenedHandlesAreServedThroughChurn)
             std::this_thread::yield();
         return iInputs >= iInput;
     };
+    const Running running(*this, 3);
     for (int i = 1; i <= StressRounds(5000); ++i)
     {
         SocketPair pair;

@@ -1,8 +1,14 @@
 #include "core/ManagerParts.h"
+#include "core/TEMessageTimer.h"
 #include "support/TestAdapters.h"
 #include "support/TestHost.h"
 
+#include <ace/Guard_T.h>
+#include <ace/Object_Manager.h>
+
+#include <atomic>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -284,6 +290,38 @@ TEST_F(AdapterManager, DestructionStopsAsyncIOThenEmptiesTheMapsThenDeletesTheAd
     EXPECT_EQ(s_Seen, (std::vector<std::string>{"async I/O, record there", "registered, no record",
                                                 "retired, no record"}));
     EXPECT_EQ(sourceAdapter.Alive(), 1);
+}
+
+TEST_F(AdapterManager, StopWaitsForATickUnderWayAndRefusesWhatThatWantsToStart)
+{
+    InstallAsyncIO(0);
+    // The real start takes this lock, which the stop holds while it waits.
+    g_ManagerParts.pfnStartAsyncIO = [] {
+        ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance(), -1);
+        return 0;
+    };
+    Manager().Init();
+    TestAdapter sourceAdapter(5);
+    TestMessageAdapter msgAdapter;
+    std::atomic<bool> bInside{false};
+    std::atomic<bool> bTickDone{false};
+    msgAdapter.onError = [&](TEMessage*, void*, EAdapterError) {
+        bInside = true;
+        std::uint32_t ulProtocolID = 10;
+        EXPECT_TRUE(WaitUntil([&] {
+            ++ulProtocolID;
+            return Manager().RegisterProtocolAdapter(ulProtocolID, new TestAdapter(ulProtocolID), true) == -1;
+        }));
+        bTickDone = true;
+    };
+    Manager().RegisterPrivateMessage(new TestMessage(&sourceAdapter, ASYNC_MESSAGE, 0), &msgAdapter, nullptr,
+                                     0);
+    std::thread ticker([] { TEMessageTimer().handle_timeout(ACE_Time_Value::zero, nullptr); });
+    EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
+    TEAdapterManager::Destroy();
+    EXPECT_TRUE(bTickDone);
+    ticker.join();
+    EXPECT_EQ(sourceAdapter.Alive(), 1) << "all the others are gone with the manager";
 }
 
 TEST_F(AdapterManager, ManagerThatWasNotStartedStopsNoAsyncIO)

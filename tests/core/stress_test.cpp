@@ -1,3 +1,4 @@
+#include "core/ManagerParts.h"
 #include "core/TEMessageTimer.h"
 #include "support/TestAdapters.h"
 #include "support/TestHost.h"
@@ -102,6 +103,72 @@ TEST_F(Stress, SourcesAreAnsweredOrExpiredExactlyOnce)
     EXPECT_GE(iExpired, 100);
     EXPECT_EQ(TestMessage::Alive(), 0);
     EXPECT_EQ(TestUserData::Alive(), 0);
+}
+
+// Sources, sinks and links come and go without an outer lock, by every operation of the manager: it has to
+// order them.
+TEST_F(Stress, CorrelationOrdersItsOperationsByItself)
+{
+    TestAdapter sourceAdapter(100);
+    TestAdapter sinkAdapter(101);
+    TestMessageAdapter adapter;
+    RunTogether(THREADS, [&](int iThread) {
+        TEMessageTimer timer;
+        for (int i = 0; i < StressRounds(1500); ++i)
+        {
+            // Nobody times a synchronous source out, so it stays this thread's own.
+            TestMessage source(&sourceAdapter, SYNC_MESSAGE);
+            TestMessage sink(&sinkAdapter);
+            TestMessage strayed(&sinkAdapter);
+            EXPECT_EQ(Manager().RegisterPrivateMessage(&source, &adapter, nullptr, 60), 0);
+            EXPECT_EQ(Manager().RegisterMessage(&source, &sink), 0);
+            EXPECT_EQ(Manager().RegisterMessage(&source, &strayed), 0);
+            bool bFound = false;
+            const auto itUnit = Manager().FindSrcMsgUnit(UnitOf(sink), bFound);
+            EXPECT_TRUE(bFound);
+            const auto itInfo = Manager().FindSrcMsgInfo(UnitOf(source), bFound);
+            EXPECT_TRUE(bFound && itInfo->second.pSource == &source);
+            EXPECT_EQ(Manager().UnRegisterSinkMessage(&strayed), 0);
+            if (i % 2 == 0)
+            {
+                EXPECT_EQ(Manager().EraseFromUnitMap(itUnit), 0);
+                EXPECT_EQ(Manager().EraseFromInfoMap(itInfo), 0);
+                EXPECT_EQ(Manager().InsertToUnitMap({UnitOf(sink), UnitOf(source)}), 0);
+                EXPECT_EQ(
+                    Manager().InsertToInfoMap({UnitOf(source), TEMessageInfo(&source, &adapter, &sink, 1)}),
+                    0);
+            }
+            if (iThread == 0 && i % 16 == 0)
+                timer.handle_timeout(ACE_Time_Value::zero, nullptr);
+            EXPECT_EQ(Manager().UnRegisterSourceMessage(&source), 0);
+            Manager().FindSrcMsgUnit(UnitOf(sink), bFound);
+            EXPECT_FALSE(bFound);
+        }
+    });
+}
+
+// Registrations that ask for asynchronous I/O race the start of the manager: it is started, whoever comes
+// first.
+TEST_F(Stress, WishForAsyncIOIsNotLostBesideTheStart)
+{
+    static std::atomic<int> s_iStarts{0};
+    const ManagerParts builtParts = g_ManagerParts;
+    g_ManagerParts.pfnStartAsyncIO = [] { return ++s_iStarts > 0 ? 0 : -1; };
+    for (int i = 0; i < StressRounds(2); ++i)
+    {
+        s_iStarts = 0;
+        RunTogether(4, [&](int iThread) {
+            const auto ulProtocolID = static_cast<std::uint32_t>(10 + iThread);
+            const int iResult =
+                iThread == 0
+                    ? Manager().Init()
+                    : Manager().RegisterProtocolAdapter(ulProtocolID, new TestAdapter(ulProtocolID), true);
+            EXPECT_EQ(iResult, 0);
+        });
+        EXPECT_GT(s_iStarts, 0);
+        TEAdapterManager::Destroy();
+    }
+    g_ManagerParts = builtParts;
 }
 
 // Adapters come and go under three ids while others look them up and frame with them: an adapter that was

@@ -3,7 +3,9 @@
 #include "support/TestAdapters.h"
 #include "support/TestHost.h"
 
+#include <chrono>
 #include <cstdio>
+#include <future>
 #include <limits>
 
 /// The manager is not started here, so the only ticks are the test's.
@@ -103,7 +105,12 @@ TEST_F(Timeouts, ExpiryRemovesTheRecordAndItsSinksBeforeItReports)
         ++iReported;
         EXPECT_EQ(pExpired, pSource);
         EXPECT_EQ(pExpiredData, static_cast<TEMsgUserData*>(pUserData));
-        // No lock is held: every operation can be called, also one that finds the record gone.
+        // No lock is held: another thread can call every operation meanwhile.
+        auto other = std::async(std::launch::async, [] {
+            Manager().AcquireMsgMapMtx();
+            Manager().ReleaseMsgMapMtx();
+        });
+        EXPECT_EQ(other.wait_for(std::chrono::seconds(30)), std::future_status::ready);
         Manager().FindSrcMsgInfo(unit, bFound);
         EXPECT_FALSE(bFound);
         Manager().FindSrcMsgUnit(UnitOf(a), bFound);
@@ -116,6 +123,34 @@ TEST_F(Timeouts, ExpiryRemovesTheRecordAndItsSinksBeforeItReports)
     EXPECT_EQ(host.Count(2, "TEAdapterManager::HandleTimeOut, not found sink message in map.\n"), 1);
     EXPECT_EQ(TestMessage::Alive(), 2) << "the two sinks of the test";
     EXPECT_EQ(TestUserData::Alive(), 0);
+}
+
+TEST_F(Timeouts, OwnedMessageMayChangeTheMapsWhenItIsDeletedWithItsRecord)
+{
+    bool bFound = false;
+    // The record that follows the expiring one disappears with it, and the record's own unit is asked for
+    // again.
+    auto* pFirst = NewSource(0);
+    auto* pOwned = new UnregisteringMessage(&one, ASYNC_MESSAGE, 0);
+    Manager().RegisterPrivateMessage(pOwned, &adapter, nullptr, 0);
+    auto* pLast = NewSource(0);
+    Manager().FindSrcMsgInfo(UnitOf(*pFirst), bFound)->second.pOwnedMsg = pOwned;
+    Manager().FindSrcMsgInfo(UnitOf(*pLast), bFound)->second.pOwnedMsg = new UnregisteringMessage(*pOwned);
+    Tick();
+    EXPECT_EQ(TestMessage::Alive(), 0);
+
+    // The same when a source is unregistered and when the manager is destroyed.
+    TestMessage source(&one);
+    for (const bool bDestroy : {false, true})
+    {
+        Manager().RegisterPrivateMessage(&source, &adapter, nullptr, 60);
+        auto* pOther = new UnregisteringMessage(&one);
+        Manager().RegisterPrivateMessage(pOther, &adapter, nullptr, 60);
+        Manager().FindSrcMsgInfo(UnitOf(source), bFound)->second.pOwnedMsg = pOther;
+        bDestroy ? TEAdapterManager::Destroy()
+                 : static_cast<void>(Manager().UnRegisterSourceMessage(&source));
+        EXPECT_EQ(TestMessage::Alive(), 1);
+    }
 }
 
 TEST_F(Timeouts, ExpiredSourcesAreReportedInUnitOrder)

@@ -58,6 +58,14 @@ inline TarnAdapterRuntimeClass TestMessage::classTestMessage = {
     "TestMessage", static_cast<int>(sizeof(TestMessage)),      0xFFFF,
     nullptr,       &TarnAdapterObject::classTarnAdapterObject, nullptr};
 
+/// A message that unregisters itself as a source when it is deleted.
+class UnregisteringMessage : public TestMessage
+{
+public:
+    using TestMessage::TestMessage;
+    ~UnregisteringMessage() override { TEAdapterManager::Instance()->UnRegisterSourceMessage(this); }
+};
+
 class TestUserData : public TEMsgUserData, public Counted<TestUserData>
 {};
 

@@ -1,0 +1,29 @@
+#include "core/StopGate.h"
+
+#include "tarnadapterframe/TarnAdapterTrace.h"
+
+#include <chrono>
+
+void StopGate::ShutAndWait()
+{
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_bShut = true;
+    while (!m_Left.wait_for(lock, std::chrono::seconds(1), [this] { return m_iInside == 0; }))
+        TarnAdapterFrmtTrace(3, "TEAdapterManager::Destroy, waiting for %d calls to return\n", m_iInside);
+}
+
+bool StopGate::Enter()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    if (m_bShut)
+        return false;
+    ++m_iInside;
+    return true;
+}
+
+void StopGate::Leave()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    --m_iInside;
+    m_Left.notify_all();
+}

@@ -1,0 +1,53 @@
+#ifndef TARN_CORE_STOPGATE_H
+#define TARN_CORE_STOPGATE_H
+
+#include <condition_variable>
+#include <mutex>
+
+/// Lets work in until the stop, which shuts the gate and waits for the work inside. Work that comes later, also from
+/// a thread that is inside already, is turned away and so cannot wait for what the stop holds.
+class StopGate
+{
+public:
+    StopGate() = default;
+    StopGate(const StopGate&) = delete;
+    StopGate& operator=(const StopGate&) = delete;
+
+    /// Passes the gate for its own lifetime, if it is open; false when it is shut. Never waits.
+    class Pass
+    {
+    public:
+        explicit Pass(StopGate& gate)
+            : m_Gate(gate)
+            , m_bInside(gate.Enter())
+        {}
+        ~Pass()
+        {
+            if (m_bInside)
+                m_Gate.Leave();
+        }
+        Pass(const Pass&) = delete;
+        Pass& operator=(const Pass&) = delete;
+
+        explicit operator bool() const { return m_bInside; }
+
+    private:
+        StopGate& m_Gate;
+        const bool m_bInside;
+    };
+
+    /// Shuts the gate for good and waits until nobody is inside, with a line in the log every second. Not to be
+    /// called by somebody inside, nor with a lock held that they may want.
+    void ShutAndWait();
+
+private:
+    bool Enter();
+    void Leave();
+
+    std::mutex m_Mutex;
+    std::condition_variable m_Left;
+    bool m_bShut = false; // guarded by m_Mutex
+    int m_iInside = 0;    // guarded by m_Mutex
+};
+
+#endif
