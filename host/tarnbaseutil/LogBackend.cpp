@@ -151,7 +151,7 @@ bool LogBackend::Post(const std::string& strTag, int iLevel, const char* pszText
     const bool bTaken = Enqueue(strTag, iKnownLevel, pszText, route);
     if (iKnownLevel <= TARN_LOG_ERROR)
         m_Hurry.notify_one(); // it may be the last line before a crash
-    if (m_bExiting && !m_bStalled && !Flush(EXIT_FLUSH_TIME))
+    if (m_bExiting && !m_bStalled && !Flush(ExitTimeLeft()))
         m_bStalled = true;
     return bTaken;
 }
@@ -216,9 +216,17 @@ void LogBackend::FlushAtExit()
 {
     if (IsForked())
         return;
+    m_tExitDeadline = std::chrono::steady_clock::now() + EXIT_FLUSH_TIME;
     m_bExiting = true;
-    if (!Flush(EXIT_FLUSH_TIME))
+    if (!Flush(ExitTimeLeft()))
         m_bStalled = true;
+}
+
+/// One limit for the whole exit: a log that moves slowly must not hold the process with every late line anew.
+std::chrono::milliseconds LogBackend::ExitTimeLeft() const
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(m_tExitDeadline -
+                                                                 std::chrono::steady_clock::now());
 }
 
 void LogBackend::Handle(const spdlog::details::log_msg& msg) noexcept

@@ -62,6 +62,7 @@ private:
     bool IsCrowded() const;
     bool Drop();
     void FlushAtExit();
+    std::chrono::milliseconds ExitTimeLeft() const;
 
     // Run on the log thread.
     void Handle(const spdlog::details::log_msg& msg) noexcept;
@@ -83,7 +84,8 @@ private:
     std::atomic<unsigned> m_uFlushers{0};      ///< threads in Flush
     std::atomic<unsigned> m_uGeneration{0};    ///< of m_Settings
     std::atomic<bool> m_bExiting{false};       ///< from now on every line is flushed by its caller
-    std::atomic<bool> m_bStalled{false};       ///< while exiting, a flush ran out of time: no more waiting
+    std::chrono::steady_clock::time_point m_tExitDeadline; ///< set before m_bExiting, constant afterwards
+    std::atomic<bool> m_bStalled{false}; ///< while exiting, a flush ran out of time: no more waiting
 
     // Guarded by m_SettingsMutex.
     std::mutex m_SettingsMutex;

@@ -108,7 +108,7 @@ bool LogWriter::OpenFile()
     m_pFile->set_formatter(VerbatimFormatter());
     if (bFixedFolder)
         WriteOwn("The log file grows without bound: its folder is not writable, it cannot be rotated\n");
-    return true;
+    return m_pFile != nullptr; // that line may have failed
 }
 
 /// Ends the use of the file for a while. What it has not written yet goes to stderr.
