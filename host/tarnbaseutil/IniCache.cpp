@@ -181,56 +181,59 @@ std::shared_ptr<const IniFile> ToIniFile(const std::string& strPath, const Conte
     return std::make_shared<const IniFile>(strPath, content.strText);
 }
 
+struct CacheEntry
+{
+    Content content;
+    bool bSettled = false; ///< the identity tells every later change
+    std::shared_ptr<const IniFile> pFile;
+};
+
+using CacheEntries = std::map<std::string, CacheEntry>;
+
 /// Guards the table, also while a file is read: it is read once however many threads ask. Nobody logs with
 /// it held.
-class Cache
+std::mutex g_CacheMutex;
+CacheEntries* g_pEntries =
+    nullptr; ///< never destroyed: settings are looked up while statics are destroyed, too
+
+std::shared_ptr<const IniFile> ReloadLocked(CacheEntries& entries, const std::string& strPath)
 {
-public:
-    std::shared_ptr<const IniFile> Open(const std::string& strPath)
-    {
-        struct stat status = {};
-        const FileIdentity now = stat(strPath.c_str(), &status) == 0 ? ToIdentity(status) : Failed(errno);
-        const std::lock_guard<std::mutex> lock(m_Mutex);
-        const auto it = m_Entries.find(strPath);
-        if (it != m_Entries.end() && it->second.bSettled && it->second.content.identity == now)
-            return it->second.pFile;
-        return ReloadLocked(strPath);
-    }
-
-private:
-    struct Entry
-    {
-        Content content;
-        bool bSettled = false; ///< the identity tells every later change
-        std::shared_ptr<const IniFile> pFile;
-    };
-
-    std::shared_ptr<const IniFile> ReloadLocked(const std::string& strPath)
-    {
-        Content content = ReadStable(strPath);
-        if (m_Entries.size() >= MAX_CACHED_FILES && m_Entries.count(strPath) == 0)
-            m_Entries.clear();
-        Entry& entry = m_Entries[strPath];
-        // A file that was only touched keeps its snapshot, and is not reported on again.
-        const bool bSame = entry.pFile != nullptr && entry.content.strText == content.strText &&
-                           entry.content.strRefusal == content.strRefusal &&
-                           entry.content.identity.iError == content.identity.iError;
-        if (!bSame)
-            entry.pFile = ToIniFile(strPath, content);
-        entry.bSettled = IsSettled(content.identity);
-        entry.content = std::move(content);
-        return entry.pFile;
-    }
-
-    std::mutex m_Mutex;
-    std::map<std::string, Entry> m_Entries; // guarded by m_Mutex
-};
+    Content content = ReadStable(strPath);
+    if (entries.size() >= MAX_CACHED_FILES && entries.count(strPath) == 0)
+        entries.clear();
+    CacheEntry& entry = entries[strPath];
+    // A file that was only touched keeps its snapshot, and is not reported on again.
+    const bool bSame = entry.pFile != nullptr && entry.content.strText == content.strText &&
+                       entry.content.strRefusal == content.strRefusal &&
+                       entry.content.identity.iError == content.identity.iError;
+    if (!bSame)
+        entry.pFile = ToIniFile(strPath, content);
+    entry.bSettled = IsSettled(content.identity);
+    entry.content = std::move(content);
+    return entry.pFile;
+}
 
 } // namespace
 
 std::shared_ptr<const IniFile> OpenIniFile(const std::string& strPath)
 {
-    // Never destroyed: settings are looked up while statics are destroyed, too.
-    static Cache* const pCache = new Cache;
-    return pCache->Open(strPath);
+    struct stat status = {};
+    const FileIdentity now = stat(strPath.c_str(), &status) == 0 ? ToIdentity(status) : Failed(errno);
+    const std::lock_guard<std::mutex> lock(g_CacheMutex);
+    if (g_pEntries == nullptr)
+        g_pEntries = new CacheEntries;
+    const auto it = g_pEntries->find(strPath);
+    if (it != g_pEntries->end() && it->second.bSettled && it->second.content.identity == now)
+        return it->second.pFile;
+    return ReloadLocked(*g_pEntries, strPath);
+}
+
+void LockIniCache()
+{
+    g_CacheMutex.lock();
+}
+
+void UnlockIniCache()
+{
+    g_CacheMutex.unlock();
 }

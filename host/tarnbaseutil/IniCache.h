@@ -13,4 +13,8 @@
 /// Any thread. It never returns null; std::bad_alloc may leave it.
 std::shared_ptr<const IniFile> OpenIniFile(const std::string& strPath);
 
+/// Keep the cache as it is across a fork: locked before, unlocked in both processes after it.
+void LockIniCache();
+void UnlockIniCache();
+
 #endif

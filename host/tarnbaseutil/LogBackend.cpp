@@ -1,11 +1,13 @@
 #include "LogBackend.h"
 
 #include "Configuration.h"
+#include "IniCache.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -15,11 +17,15 @@ const std::uint64_t CROWDED_LINES = QUEUE_LINES / 4 * 3; ///< from here on infor
 const std::uint64_t HURRY_LINES = 256;                   ///< how often a lingering log thread is called
 constexpr auto EXIT_FLUSH_TIME = std::chrono::seconds(2);
 constexpr auto REPORT_INTERVAL = std::chrono::milliseconds(100); ///< between reports while lines are dropped
-constexpr auto LINGER_TIME = std::chrono::seconds(1);
+constexpr auto LINGER_TIME = std::chrono::milliseconds(100);
 constexpr auto LINGER_NAP = std::chrono::milliseconds(5);
+constexpr auto FORK_WAIT = std::chrono::seconds(1);
+constexpr auto FORK_NAP = std::chrono::milliseconds(1);
 
-std::atomic<LogBackend*> g_pStarted{nullptr};
-std::atomic<bool> g_bForked{false};
+// Held while the backend is started, and across each fork.
+std::mutex g_StartMutex;
+std::atomic<LogBackend*> g_pStarted{nullptr}; ///< changed under g_StartMutex
+LogBackend* g_pInherited = nullptr;           ///< from the parent process, kept only as what is not leaked
 
 /// Blocks every signal for threads that are created meanwhile: the host's handlers do not run on the log
 /// thread, and a closed pipe is an error of write there, not the end of the process.
@@ -38,6 +44,19 @@ public:
 
 private:
     sigset_t m_Before = {};
+};
+
+/// Keeps a cancelled thread from being unwound out of code that others depend on.
+class CancellationBlocked
+{
+public:
+    CancellationBlocked() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_iBefore); }
+    ~CancellationBlocked() { pthread_setcancelstate(m_iBefore, nullptr); }
+    CancellationBlocked(const CancellationBlocked&) = delete;
+    CancellationBlocked& operator=(const CancellationBlocked&) = delete;
+
+private:
+    int m_iBefore = PTHREAD_CANCEL_ENABLE;
 };
 
 /// A queued line carries its level and its route in the line number of its source position.
@@ -75,32 +94,90 @@ private:
     LogBackend& m_Backend;
 };
 
+/// Without these a fork in the midst of a start, a look-up or a write would leave the child with locks that
+/// nobody opens, and with lines in the file's buffer that its exit would write a second time.
+class LogBackend::ForkHandlers
+{
+public:
+    /// As the library is loaded: nothing can have been started before.
+    ForkHandlers() { pthread_atfork(&Prepare, &InParent, &InChild); }
+
+private:
+    static void Prepare()
+    {
+        g_StartMutex.lock();
+        LockIniCache();
+        s_bWriterHeld = g_pStarted != nullptr && g_pStarted.load()->PrepareFork();
+    }
+
+    static void InParent()
+    {
+        if (s_bWriterHeld)
+            g_pStarted.load()->m_WritingMutex.unlock();
+        UnlockIniCache();
+        g_StartMutex.unlock();
+    }
+
+    static void InChild()
+    {
+        if (g_pStarted != nullptr)
+            g_pInherited = g_pStarted;
+        g_pStarted = nullptr;
+        UnlockIniCache();
+        g_StartMutex.unlock();
+    }
+
+    static bool s_bWriterHeld; ///< guarded by g_StartMutex
+    static ForkHandlers s_Registered;
+};
+
+bool LogBackend::ForkHandlers::s_bWriterHeld = false;
+LogBackend::ForkHandlers LogBackend::ForkHandlers::s_Registered;
+
+/// Takes m_WritingMutex with nothing in the file's buffer. A disk that stands still does not hold the fork for
+/// long. @return false when the mutex has not been taken
+bool LogBackend::PrepareFork() noexcept
+{
+    const auto tEnd = std::chrono::steady_clock::now() + FORK_WAIT;
+    while (!m_WritingMutex.try_lock())
+    {
+        if (std::chrono::steady_clock::now() > tEnd)
+            return false;
+        std::this_thread::sleep_for(FORK_NAP);
+    }
+    m_Writer.Flush();
+    return true;
+}
+
 LogBackend& LogBackend::Instance()
 {
-    static LogBackend* const pBackend = Start();
-    return *pBackend;
+    LogBackend* const pStarted = g_pStarted.load(std::memory_order_acquire);
+    if (pStarted != nullptr)
+        return *pStarted;
+    const CancellationBlocked uncancelled;
+    const std::lock_guard<std::mutex> lock(g_StartMutex);
+    return g_pStarted != nullptr ? *g_pStarted : StartLocked();
 }
 
 LogBackend* LogBackend::InstanceIfStarted() noexcept
 {
-    return g_pStarted.load(std::memory_order_acquire);
+    const std::lock_guard<std::mutex> lock(g_StartMutex);
+    return g_pStarted;
 }
 
-bool LogBackend::IsForked() noexcept
+/// Nothing in here may log by way of TarnDebugMgr: it would wait for itself.
+LogBackend& LogBackend::StartLocked()
 {
-    return g_bForked.load(std::memory_order_relaxed);
-}
-
-/// Runs once, in the first thread that logs, while others that log wait. So nothing in here may log by way of
-/// TarnDebugMgr.
-LogBackend* LogBackend::Start()
-{
+    static bool s_bExitHandled = false; // guarded by g_StartMutex; a child process inherits both
     auto* pBackend = new LogBackend;
-    g_pStarted.store(pBackend, std::memory_order_release);
     pBackend->Configure();
-    pthread_atfork(nullptr, nullptr, [] { g_bForked = true; });
-    std::atexit([] { InstanceIfStarted()->FlushAtExit(); });
-    return pBackend;
+    if (!s_bExitHandled)
+        s_bExitHandled = std::atexit([] {
+                             if (LogBackend* pStarted = InstanceIfStarted())
+                                 pStarted->FlushAtExit();
+                         }) == 0;
+    g_pStarted.store(pBackend, std::memory_order_release);
+    return *pBackend;
 }
 
 LogBackend::LogBackend()
@@ -116,6 +193,8 @@ LogBackend::LogBackend()
 
 void LogBackend::Configure() noexcept
 {
+    const CancellationBlocked uncancelled;
+    const std::lock_guard<std::mutex> lock(m_ConfigureMutex);
     try
     {
         std::vector<IniReport> reports;
@@ -131,8 +210,8 @@ void LogBackend::Configure() noexcept
 
 void LogBackend::Adopt(LogSettings settings)
 {
-    m_iLevel = settings.iLevel;
     const std::lock_guard<std::mutex> lock(m_SettingsMutex);
+    m_iLevel = settings.iLevel;
     m_Settings = std::move(settings);
     ++m_uGeneration;
 }
@@ -214,8 +293,6 @@ bool LogBackend::Flush(std::chrono::milliseconds timeout)
 
 void LogBackend::FlushAtExit()
 {
-    if (IsForked())
-        return;
     m_tExitDeadline = std::chrono::steady_clock::now() + EXIT_FLUSH_TIME;
     m_bExiting = true;
     if (!Flush(ExitTimeLeft()))
@@ -231,11 +308,14 @@ std::chrono::milliseconds LogBackend::ExitTimeLeft() const
 
 void LogBackend::Handle(const spdlog::details::log_msg& msg) noexcept
 {
-    WriteQueued(msg);
-    ++m_uHandled;
-    m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
-    ReportDrops(); // after m_uDeparted is set, see Drop
-    FlushIfDue(LevelOf(msg) <= TARN_LOG_ERROR);
+    {
+        const std::lock_guard<std::mutex> lock(m_WritingMutex);
+        WriteQueued(msg);
+        ++m_uHandled;
+        m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
+        ReportDrops(); // after m_uDeparted is set, see Drop
+        FlushIfDue(LevelOf(msg) <= TARN_LOG_ERROR);
+    }
     Linger();
 }
 

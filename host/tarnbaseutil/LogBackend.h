@@ -21,6 +21,11 @@
 ///
 /// There is one for the process, and it is never destroyed: lines are logged before main and by statics that
 /// are destroyed after everything else, and waiting for a thread that a disk holds would keep the process.
+/// A child process made by fork starts one of its own with its first line; it leaves alone what it has
+/// inherited, whose thread has stayed in the parent.
+///
+/// Locks, in this order: the start's, m_ConfigureMutex, the cache of INI files, m_WritingMutex,
+/// m_SettingsMutex or m_FlushMutex, spdlog's queue.
 class LogBackend
 {
 public:
@@ -28,12 +33,8 @@ public:
     /// next call tries again.
     static LogBackend& Instance();
 
-    /// The process's backend if it has been started, else null.
+    /// The process's backend if it has been started, else null. Waits for a start under way.
     static LogBackend* InstanceIfStarted() noexcept;
-
-    /// True in a child process made by fork, which has a copy of the queue but no thread that empties it. The
-    /// locks may be held there by nobody: Post and Flush must not be called.
-    static bool IsForked() noexcept;
 
     /// Queues one line if its level or its flags let it through. Never waits, except after the process has
     /// begun to exit. Any thread.
@@ -51,13 +52,15 @@ public:
 
 private:
     class QueueEnd;
+    class ForkHandlers;
 
-    static LogBackend* Start();
+    static LogBackend& StartLocked();
 
     LogBackend();
     ~LogBackend() = default;
 
     void Adopt(LogSettings settings);
+    bool PrepareFork() noexcept;
     bool Enqueue(const std::string& strTag, int iLevel, const char* pszText, LogRoute route) noexcept;
     bool IsCrowded() const;
     bool Drop();
@@ -87,6 +90,8 @@ private:
     std::chrono::steady_clock::time_point m_tExitDeadline; ///< set before m_bExiting, constant afterwards
     std::atomic<bool> m_bStalled{false}; ///< while exiting, a flush ran out of time: no more waiting
 
+    std::mutex m_ConfigureMutex; ///< one reading of the settings at a time, the latest is adopted last
+
     // Guarded by m_SettingsMutex.
     std::mutex m_SettingsMutex;
     LogSettings m_Settings;
@@ -97,13 +102,13 @@ private:
     std::condition_variable m_Hurry; ///< the log thread is to look at the queue; a missed signal costs a nap
     std::uint64_t m_uFlushed = 0;    ///< m_uDeparted as of the last flush
 
-    // The log thread's own.
+    // The log thread's own; m_Writer is guarded by m_WritingMutex, so that a fork finds it at rest.
+    std::mutex m_WritingMutex;
     LogWriter m_Writer;
-    unsigned m_uAdopted = 0;      ///< generation of the settings in use
-    std::uint64_t m_uHandled = 0; ///< lines taken out of the queue
-    std::uint64_t m_uOverrunSeen =
-        0; ///< lines pushed out of the full queue, as far as counted in m_uUnreported
-    std::uint64_t m_uUnreported = 0; ///< dropped lines still to be reported
+    unsigned m_uAdopted = 0;          ///< generation of the settings in use
+    std::uint64_t m_uHandled = 0;     ///< lines taken out of the queue
+    std::uint64_t m_uOverrunSeen = 0; ///< lines pushed out of the full queue and counted in m_uUnreported
+    std::uint64_t m_uUnreported = 0;  ///< dropped lines still to be reported
     std::chrono::steady_clock::time_point m_tNextReport;
 };
 

@@ -8,7 +8,7 @@ namespace {
 
 InstalledFunction<bool, const std::string&, TarnLogLevel, const char*, const AsnType*, bool, bool> g_LogSink;
 
-/// The last resort, where there is no thread for the log. The caller waits for stderr.
+/// The last resort, where the log's thread cannot be started. The caller waits for stderr.
 bool TraceToStderr(const std::string& strModule, TarnLogLevel eLevel, const char* pszText,
                    bool bFlagged) noexcept
 {
@@ -28,8 +28,6 @@ bool TraceToStderr(const std::string& strModule, TarnLogLevel eLevel, const char
 bool TraceToBackend(const std::string& strModule, TarnLogLevel eLevel, const char* pszText, bool bPrint,
                     bool bLog) noexcept
 {
-    if (LogBackend::IsForked())
-        return TraceToStderr(strModule, eLevel, pszText, bPrint || bLog);
     try
     {
         return LogBackend::Instance().Post(strModule, eLevel, pszText, bPrint, bLog);
@@ -62,15 +60,14 @@ bool TarnDebugMgr::Trace(const std::string& strModule, TarnLogLevel eLevel, cons
 bool TarnDebugMgr::Flush(int iTimeoutMs)
 {
     LogBackend* pBackend = LogBackend::InstanceIfStarted();
-    return pBackend == nullptr || LogBackend::IsForked() ||
-           pBackend->Flush(std::chrono::milliseconds(iTimeoutMs));
+    return pBackend == nullptr || pBackend->Flush(std::chrono::milliseconds(iTimeoutMs));
 }
 
 void TarnDebugMgr::Reopen()
 {
     // A log that has not been started yet reads its settings with the first line.
     LogBackend* pBackend = LogBackend::InstanceIfStarted();
-    if (pBackend != nullptr && !LogBackend::IsForked())
+    if (pBackend != nullptr)
         pBackend->Configure();
 }
 
