@@ -15,12 +15,15 @@ struct ManagerParts
     /// lock held. Negative: it could not be started.
     int (*pfnStartAsyncIO)() = nullptr;
 
-    /// Stops asynchronous I/O and waits for its threads; does nothing when it was not started. Called with
-    /// ACE's static object lock held.
+    /// Ends the threads of asynchronous I/O and waits for them; does nothing when it was not started. Called
+    /// with no lock held, before the next.
+    void (*pfnStopAsyncIO)() = nullptr;
+
+    /// Deletes asynchronous I/O, if there is any. Called with ACE's static object lock held.
     void (*pfnDestroyAsyncIO)() = nullptr;
 };
 
-/// Constant outside of tests.
+/// Constant outside of tests, and constant-initialised: the manager may be used before main.
 extern ManagerParts g_ManagerParts;
 
 /// Protocol id of the built-in adapter.

@@ -9,7 +9,7 @@ void StopGate::ShutAndWait()
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_bShut = true;
     while (!m_Left.wait_for(lock, std::chrono::seconds(1), [this] { return m_iInside == 0; }))
-        TarnAdapterFrmtTrace(3, "TEAdapterManager::Destroy, waiting for %d calls to return\n", m_iInside);
+        TarnAdapterFrmtTrace(3, "%s, waiting for %d calls to return\n", m_pszStop, m_iInside);
 }
 
 bool StopGate::Enter()

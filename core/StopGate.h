@@ -9,7 +9,10 @@
 class StopGate
 {
 public:
-    StopGate() = default;
+    /// @param pszStop  name of the stop, for the log; a literal
+    explicit StopGate(const char* pszStop)
+        : m_pszStop(pszStop)
+    {}
     StopGate(const StopGate&) = delete;
     StopGate& operator=(const StopGate&) = delete;
 
@@ -44,6 +47,7 @@ private:
     bool Enter();
     void Leave();
 
+    const char* const m_pszStop;
     std::mutex m_Mutex;
     std::condition_variable m_Left;
     bool m_bShut = false; // guarded by m_Mutex

@@ -1,10 +1,12 @@
 #include "tarnadapterframe/TEAdapterManager.h"
 
 #include "core/ApplicationCall.h"
+#include "core/LibraryThread.h"
 #include "core/LogArguments.h"
 #include "core/ManagerParts.h"
 #include "core/MessageAdapterTable.h"
 #include "core/ReactorDescriptors.h"
+#include "core/ReactorLoop.h"
 #include "core/StopGate.h"
 #include "core/TEMessageTimer.h"
 #include "core/ThreadsLeft.h"
@@ -15,15 +17,9 @@
 #include <ace/High_Res_Timer.h>
 #include <ace/Object_Manager.h>
 #include <ace/Reactor.h>
-#include <ace/Signal.h>
 #include <ace/Timer_Queue.h>
 
-#include <cerrno>
-#include <csignal>
 #include <new>
-
-// Constant-initialised: the manager may be used before main.
-ManagerParts g_ManagerParts;
 
 std::atomic<TEAdapterManager*> TEAdapterManager::m_pInstance{nullptr};
 std::atomic<bool> TEAdapterManager::s_bStarted{false};
@@ -32,7 +28,6 @@ std::atomic<bool> TEAdapterManager::s_bAsyncIOPending{false};
 namespace {
 
 constexpr DWORD THREAD_POLL_MS = 1000;
-constexpr DWORD REACTOR_ERROR_PAUSE_MS = 100;
 
 } // namespace
 
@@ -57,8 +52,11 @@ void TEAdapterManager::Destroy()
     TEAdapterManager* pManager = m_pInstance.load(std::memory_order_acquire);
     if (pManager == nullptr)
         return;
-    // Before the lock is taken: a tick under way may be the first to use some singleton, and so may want it.
+    // Before the lock is taken: a tick or a hook under way may be the first to use some singleton, and so may
+    // want it.
     pManager->m_pStopGate->ShutAndWait();
+    if (s_bStarted && g_ManagerParts.pfnStopAsyncIO != nullptr)
+        g_ManagerParts.pfnStopAsyncIO();
     const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
     {
         ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
@@ -73,7 +71,7 @@ void TEAdapterManager::Destroy()
 
 TEAdapterManager::TEAdapterManager()
     : m_pTimerThreadsLeft(std::make_shared<ThreadsLeft>())
-    , m_pStopGate(std::make_unique<StopGate>())
+    , m_pStopGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
 {
     if (g_ManagerParts.pfnBuiltInAdapter == nullptr)
         return;
@@ -147,7 +145,7 @@ bool TEAdapterManager::CreateMessageTimer()
 bool TEAdapterManager::SpawnTimerThread()
 {
     m_TimerThreadStarted.reset();
-    if (ACE_Thread::spawn(&TEAdapterManager::StartTimerEventLoop, this, THR_DETACHED) == -1)
+    if (!SpawnDetached(&TEAdapterManager::StartTimerEventLoop, this, ThreadSignals::ALL_BUT_SIGINT_BLOCKED))
     {
         m_pReactor->cancel_timer(m_pMessageTimer);
         DeleteMessageTimer();
@@ -196,19 +194,9 @@ void TEAdapterManager::RunTimerEventLoop()
     }
     {
         const CountedIn countedIn(*this);
-        ACE_Sig_Set signals(true);
-        signals.sig_del(SIGINT);
-        signals.sig_del(0);
-        const ACE_Sig_Guard signalGuard(&signals);
-        m_pReactor->owner(ACE_Thread::self());
-        m_TimerThreadStarted.signal();
-        while (m_pReactor->reactor_event_loop_done() == 0)
-        {
-            // A reactor that fails at once, again and again, must not take a processor with it.
-            if (m_pReactor->handle_events() == -1 && errno != EINTR &&
-                m_pReactor->reactor_event_loop_done() == 0)
-                Sleep(REACTOR_ERROR_PAUSE_MS);
-        }
+        RunReactorLoop(
+            *m_pReactor, [](void* pStarted) { static_cast<ACE_Manual_Event*>(pStarted)->signal(); },
+            &m_TimerThreadStarted);
     }
     // The manager may be gone as soon as the count is 0: nothing of it is touched afterwards.
     TarnAdapterFrmtTrace(3, "TEAdapterManager Quit Thread process eventLoop is 0x%x. \n", ulThreadId);

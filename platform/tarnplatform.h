@@ -17,6 +17,12 @@ using DWORD = std::uint32_t;
 /// the system clock is changed.
 void Sleep(DWORD dwMilliseconds);
 
+/// Milliseconds since some moment before the process, by a steady clock; starts again at 0 after 49.7 days.
+DWORD GetTickCount();
+
+/// The kernel's id of the calling thread, see gettid(2).
+DWORD GetCurrentThreadId();
+
 #endif
 
 #endif

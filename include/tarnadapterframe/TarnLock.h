@@ -26,6 +26,7 @@
 #define TARN_GUARDED_BY(lock) TARN_THREAD_ANNOTATION(guarded_by(lock))
 /// The function wants the locks held by its caller.
 #define TARN_REQUIRES(...) TARN_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define TARN_RETURN_CAPABILITY(lock) TARN_THREAD_ANNOTATION(lock_returned(lock))
 /// The function takes the locks itself, so its caller must not hold them.
 #define TARN_EXCLUDES(...) TARN_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define TARN_ACQUIRE(...) TARN_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))

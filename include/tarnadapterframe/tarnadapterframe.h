@@ -5,13 +5,17 @@
 /// Everything that a protocol adapter or an application needs of the framework.
 
 #include "tarnadapterframe/AdapterTypes.h"
+#include "tarnadapterframe/ConnectionTypes.h"
 #include "tarnadapterframe/Export.h"
 #include "tarnadapterframe/TEAdapterManager.h"
+#include "tarnadapterframe/TEAsyncIOMgr.h"
 #include "tarnadapterframe/TEMessage.h"
 #include "tarnadapterframe/TEMessageAdapter.h"
 #include "tarnadapterframe/TEMessageInfo.h"
 #include "tarnadapterframe/TarnAdapterObject.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TarnConnector.h"
+#include "tarnadapterframe/TarnConnectorMgr.h"
 #include "tarnadapterframe/TarnLock.h"
 #include "tarnadapterframe/TarnProtocolAdapter.h"
 #include "tarnadapterframe/TraceHexData.h"

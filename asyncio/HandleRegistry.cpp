@@ -1,0 +1,254 @@
+#include "asyncio/TEAsyncIOMgrImpl.h"
+#include "asyncio/TEIOReactor.h"
+#include "connection/HandlerCall.h"
+#include "connection/TarnConnectorImpl.h"
+#include "connection/TarnConnectorMgrImpl.h"
+#include "core/ApplicationCall.h"
+#include "core/LogArguments.h"
+#include "platform/tarnplatform.h"
+#include "tarnadapterframe/AdapterTypes.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+
+#include <ace/Flag_Manip.h>
+
+#include <sys/select.h>
+
+#include <cerrno>
+
+int TEAsyncIOMgrImpl::SendToOutBuffer(ACE_HANDLE handle, const char* pData, int iLength)
+{
+    if (pData == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::SendToOutBuffer error, input para pData=null\n");
+        return ADAPTER_ERR_NULL_DATA;
+    }
+    TarnConnectorImpl* pConnector = FindConnectorImpl(handle);
+    if (pConnector == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, " Handle:0x%x not registed! \n", handle);
+        return ADAPTER_ERR_INVALID_HANDLE;
+    }
+    const int iResult = pConnector->GetHandle() == ACE_INVALID_HANDLE
+                            ? static_cast<int>(ADAPTER_ERR_INVALID_HANDLE)
+                            : pConnector->AddAndSendData(pData, iLength);
+    TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(pConnector);
+    return iResult;
+}
+
+TarnConnectorImpl* TEAsyncIOMgrImpl::FindConnectorImpl(ACE_HANDLE handle)
+{
+    const TarnGuard guard(m_RegistryLock);
+    const auto it = m_mapConnector.find(handle);
+    if (it == m_mapConnector.end() || it->second == nullptr)
+        return nullptr;
+    TarnConnectorMgrImpl::UseConnectorImplAndIncRef(it->second);
+    return it->second;
+}
+
+int TEAsyncIOMgrImpl::RegisterHandle(TarnConnectorImpl* pConnector)
+{
+    if (pConnector == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::RegisterHandle, NULL TarnConnectorImpl \n");
+        return -1;
+    }
+    if (!WaitForOldCalls(*pConnector))
+    {
+        TarnAdapterFrmtTrace(1,
+                             "TEAsyncIOMgrImpl::RegisterHandle refused, a call of the connection's last "
+                             "registration is under way, groupid = %d,targetID = 0x%x\n",
+                             pConnector->GetGroupID(), pConnector->GetTargetID());
+        return ADAPTER_ERR_REACTOR;
+    }
+    const StopGate::Pass pass(m_RegisterGate);
+    if (!pass || pConnector->IsRetired())
+    {
+        TarnAdapterFrmtTrace(1,
+                             "TEAsyncIOMgrImpl::RegisterHandle refused, %s, groupid = %d,targetID = 0x%x\n",
+                             pass ? "the connection is retired" : "the engine is being stopped",
+                             pConnector->GetGroupID(), pConnector->GetTargetID());
+        return ADAPTER_ERR_REACTOR;
+    }
+    const DescriptorGuard::Use use(pConnector->Descriptor());
+    return RegisterOpenHandle(*pConnector);
+}
+
+/// An old call may still be framing, or inside a hook, when its connection has been opened again. It must have
+/// left before the next one begins.
+bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector)
+{
+    constexpr auto POLL = std::chrono::milliseconds(1000);
+    constexpr int MAX_POLLS_IN_CALL = 5;
+    const HandlerCall* pOwn = HandlerCall::CurrentOf(connector);
+    if (pOwn != nullptr && pOwn->IsInBuffers())
+        return false;
+    for (int iPoll = 1; !connector.IsServed() && !connector.WaitForOldCalls(POLL); ++iPoll)
+    {
+        TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
+        if (pConnectorMgr == nullptr || pConnectorMgr->IsStopping())
+            return false;
+        // Two I/O threads that register each other's connections would wait for ever.
+        if (HandlerCall::Current() != nullptr && iPoll >= MAX_POLLS_IN_CALL)
+            return false;
+        TarnAdapterFrmtTrace(
+            3, "TEAsyncIOMgrImpl::RegisterHandle, waiting for a call of the last registration\n");
+    }
+    return true;
+}
+
+/// With the connection's descriptor guard held (read).
+int TEAsyncIOMgrImpl::RegisterOpenHandle(TarnConnectorImpl& connector)
+{
+    const ACE_HANDLE handle = connector.GetHandle();
+    if (handle == ACE_INVALID_HANDLE)
+    {
+        TarnAdapterFrmtTrace(2, "RegisterHandle handle == null \n");
+        return ADAPTER_ERR_INVALID_HANDLE;
+    }
+    const int iInserted = InsertConnection(handle, connector);
+    if (iInserted != 0 || connector.GetCommuProtType() == SERIAL_TYPE)
+        return iInserted;
+    ACE::set_flags(handle, ACE_NONBLOCK);
+    TarnAdapterFrmtTrace(3, "Regist handle = 0x%x,targetID = 0x%x\n", handle, connector.GetTargetID());
+    return RegisterInReactor(handle, connector);
+}
+
+int TEAsyncIOMgrImpl::InsertConnection(ACE_HANDLE handle, TarnConnectorImpl& connector)
+{
+    return WithMemory("RegisterHandle", -1, [&] {
+        const TarnGuard guard(m_RegistryLock);
+        if (!m_mapConnector.emplace(handle, &connector).second)
+        {
+            TarnAdapterFrmtTrace(2, "when Register handle 0x%x,hanlde is already registed \n", handle);
+            return -1;
+        }
+        TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
+        return 0;
+    });
+}
+
+int TEAsyncIOMgrImpl::RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& connector)
+{
+    // Before the reactor has it: from then on it may be called, break, and be released.
+    TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
+    connector.SetServed(true);
+    TEIOReactor* pReactor = m_pReactorImpl;
+    errno = ENOTSUP;
+    const int iResult =
+        pReactor == nullptr
+            ? -1
+            : pReactor->register_handler(handle, &connector,
+                                         ACE_Event_Handler::READ_MASK | ACE_Event_Handler::WRITE_MASK);
+    if (iResult == 0)
+        return 0;
+    const int iError = errno;
+    connector.SetServed(false);
+    TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
+    errno = iError;
+    return TakeBackRegistration(handle, iResult);
+}
+
+int TEAsyncIOMgrImpl::TakeBackRegistration(ACE_HANDLE handle, int iResult)
+{
+    TarnAdapterFrmtTrace(1, "Register handle err : %d  errno %d\n", iResult, errno);
+    if (handle >= FD_SETSIZE)
+        TarnAdapterFrmtTrace(1, "handle %d is too high, the reactor serves handles below %d\n", handle,
+                             FD_SETSIZE);
+    const TarnGuard guard(m_RegistryLock);
+    const auto it = m_mapConnector.find(handle);
+    if (it != m_mapConnector.end())
+    {
+        TarnConnectorImpl* pConnector = it->second;
+        m_mapConnector.erase(it);
+        TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(pConnector);
+    }
+    else
+        TarnAdapterFrmtTrace(1, "when Register handle to reactor failed 0x%x,but handle is not in map \n",
+                             handle);
+    return ADAPTER_ERR_REACTOR;
+}
+
+int TEAsyncIOMgrImpl::UnregisterHandle(TarnConnectorImpl* pConnector)
+{
+    if (pConnector == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::UnregisterHandle error, input para pConnectorImpl=null\n");
+        return -1;
+    }
+    const DescriptorGuard::Use use(pConnector->Descriptor());
+    Unregister(*pConnector, nullptr);
+    return 0;
+}
+
+void TEAsyncIOMgrImpl::UnregisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession)
+{
+    const DescriptorGuard::Use use(pConnector->Descriptor());
+    Unregister(*pConnector, &ulSession);
+}
+
+/// With the connection's descriptor guard held (read).
+void TEAsyncIOMgrImpl::Unregister(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
+{
+    if (pOnlySession != nullptr && !connector.IsSession(*pOnlySession))
+        return;
+    const ACE_HANDLE handle = connector.GetHandle();
+    connector.SetServed(false);
+    const bool bOurs = EraseConnection(handle, connector);
+    if (connector.GetCommuProtType() == SERIAL_TYPE || handle == ACE_INVALID_HANDLE || !bOurs)
+        return;
+    TarnAdapterFrmtTrace(3, "time:%d, begin Unregister handle:0x%x, Target:0x%x.\n", AsInt(GetTickCount()),
+                         handle, connector.GetTargetID());
+    RemoveFromReactor(handle, connector);
+    TarnAdapterFrmtTrace(3, "time:%d, finish Unregister handle:0x%x, handler:0x%x.\n", AsInt(GetTickCount()),
+                         handle, Low32(&connector));
+}
+
+/// @return false when the handle is registered for another connection, which is none of ours to take out
+bool TEAsyncIOMgrImpl::EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& connector)
+{
+    const TarnGuard guard(m_RegistryLock);
+    if (handle == ACE_INVALID_HANDLE)
+    {
+        TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::UnregisterHandle, invalid handle\n");
+        for (auto it = m_mapConnector.begin(); it != m_mapConnector.end(); ++it)
+        {
+            if (it->second != &connector)
+                continue;
+            m_mapConnector.erase(it);
+            TarnAdapterFrmtTrace(
+                1,
+                "UnregisterHandle, handle = -1,but find handle in the map,,groupid = %d,targetID "
+                "= 0x%x \n",
+                connector.GetGroupID(), connector.GetTargetID());
+            TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
+            break;
+        }
+        return true;
+    }
+    const auto it = m_mapConnector.find(handle);
+    if (it != m_mapConnector.end() && it->second == &connector)
+    {
+        m_mapConnector.erase(it);
+        TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
+        return true;
+    }
+    TarnAdapterFrmtTrace(
+        1,
+        "UnregisterHandle, cannot find handle in the map,handle = 0x%x,groupid = %d,targetID = "
+        "0x%x \n",
+        handle, connector.GetGroupID(), connector.GetTargetID());
+    return it == m_mapConnector.end();
+}
+
+void TEAsyncIOMgrImpl::RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& connector)
+{
+    TEIOReactor* pReactor = m_pReactorImpl;
+    errno = ENOTSUP;
+    const int iResult =
+        pReactor != nullptr ? pReactor->remove_handler(handle, ACE_Event_Handler::ALL_EVENTS_MASK) : -1;
+    if (iResult == 0)
+        TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
+    else
+        TarnAdapterFrmtTrace(1, "UnregisterHandle,remove_handler error,handle = 0x%x,iRet = %d,errno = %d\n",
+                             handle, iResult, errno);
+}

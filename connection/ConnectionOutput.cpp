@@ -1,0 +1,205 @@
+#include "asyncio/TEAsyncIOMgrImpl.h"
+#include "asyncio/TEIOReactor.h"
+#include "connection/TarnConnectorImpl.h"
+#include "connection/WouldBlock.h"
+#include "core/LogArguments.h"
+#include "platform/tarnplatform.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TraceHexData.h"
+
+#include <ace/ACE.h>
+#include <ace/OS_NS_sys_time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <new>
+
+namespace {
+
+// A block in the out queue: the id of the thread that queued it, for the trace, and the bytes.
+constexpr std::size_t THREAD_ID_BYTES = sizeof(std::uint32_t);
+// What one call sends at most, so that a fast sender cannot keep an I/O thread.
+constexpr std::size_t WRITE_LIMIT = 65536;
+// Room that an empty buffer may keep.
+constexpr std::size_t MAX_IDLE_CAPACITY = 65536;
+// How long a sender waits for room in the out queue.
+const ACE_Time_Value QUEUE_WAIT(0, 100'000);
+
+void FreeBlock(ACE_Message_Block* pBlock)
+{
+    delete[] pBlock->base();
+    pBlock->release();
+}
+
+/// The kind of text that is sent under a protocol id, see TraceHexData.
+ETarnAdpterTraceType TraceTypeOfSending(std::uint32_t ulProtocolID)
+{
+    if (ulProtocolID == 10)
+        return TARN_TRACE_TL1_SEND;
+    return ulProtocolID == 4 || ulProtocolID == 5 ? TARN_TRACE_NE_MML : TARN_TRACE_SEND_TO_NE;
+}
+
+/// A block over a copy of the bytes; null without memory.
+ACE_Message_Block* MakeBlock(const char* pData, std::size_t uLength)
+{
+    std::unique_ptr<char[]> pBytes(new (std::nothrow) char[uLength + THREAD_ID_BYTES]);
+    if (pBytes == nullptr)
+        return nullptr;
+    const std::uint32_t ulThreadId = GetCurrentThreadId();
+    std::memcpy(pBytes.get(), &ulThreadId, THREAD_ID_BYTES);
+    std::memcpy(pBytes.get() + THREAD_ID_BYTES, pData, uLength);
+    auto* pBlock = new (std::nothrow) ACE_Message_Block(pBytes.get(), uLength + THREAD_ID_BYTES);
+    if (pBlock != nullptr)
+        pBytes.release();
+    return pBlock;
+}
+
+} // namespace
+
+int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
+{
+    if (pData == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl::AddAndSendData fail, input para pData=NULL\n");
+        return -1;
+    }
+    if (iLength <= 0)
+        return 0;
+    ACE_Message_Block* pBlock = MakeBlock(pData, static_cast<std::size_t>(iLength));
+    if (pBlock == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl::AddAdnSendData, new memory error, errno=%d\n", errno);
+        return 0;
+    }
+    ACE_Time_Value deadline = ACE_OS::gettimeofday() + QUEUE_WAIT;
+    if (m_pOutQueue->enqueue(pBlock, &deadline) == -1)
+    {
+        FreeBlock(pBlock);
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl::AddAndSendData, enqueue fail, out msgqueue is full.\n");
+        TraceHexData(pData, iLength, TARN_TRACE_SEND_TO_NE, GetCurrentThreadId());
+        return -1;
+    }
+    const TarnGuard guard(m_SendLock);
+    if (m_bWritePending)
+        return 0; // the next handle_output sends the block, too
+    m_bWritePending = true;
+    SwitchWriteEvents(true);
+    return 0;
+}
+
+void TarnConnectorImpl::SwitchWriteEvents(bool bOn)
+{
+    TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
+    TEIOReactor* pReactor = pAsyncIOMgr != nullptr ? pAsyncIOMgr->Reactor() : nullptr;
+    if (pReactor == nullptr)
+        return;
+    const DescriptorGuard::Use use(m_DescriptorGuard);
+    const ACE_HANDLE handle = UsableHandle();
+    if (handle == ACE_INVALID_HANDLE)
+        return;
+    if (bOn)
+        pReactor->EnableWriteEvents(handle);
+    else
+        pReactor->DisableWriteEvents(handle);
+}
+
+int TarnConnectorImpl::Write()
+{
+    std::size_t uBudget = WRITE_LIMIT;
+    for (;;)
+    {
+        if (m_uWritten == m_WriteBuffer.size() && !TakeNextBlock())
+            return 0;
+        if (uBudget == 0)
+            return MORE_LATER;
+        const std::size_t uTurn = std::min(m_WriteBuffer.size() - m_uWritten, uBudget);
+        const char* const pRest = reinterpret_cast<const char*>(m_WriteBuffer.data()) + m_uWritten;
+        const int iSent = SendData(pRest, static_cast<int>(uTurn));
+        if (iSent == -1)
+        {
+            const int iError = errno;
+            TarnAdapterFrmtTrace(1, "TarnConnectorImpl::Write, send data error!\n");
+            errno = iError;
+            return -1;
+        }
+        TraceHexData(pRest, iSent, TraceTypeOfSending(m_ulAdapterProtocolID), m_ulWriteThreadId);
+        m_uWritten += static_cast<std::size_t>(iSent);
+        uBudget -= static_cast<std::size_t>(iSent);
+        if (static_cast<std::size_t>(iSent) < uTurn)
+            return MORE_LATER; // the socket takes no more; it announces when it does
+    }
+}
+
+/// Makes the first block of the out queue the one being sent. False when there is none.
+bool TarnConnectorImpl::TakeNextBlock()
+{
+    m_WriteBuffer.clear();
+    m_uWritten = 0;
+    if (m_WriteBuffer.capacity() > MAX_IDLE_CAPACITY)
+        m_WriteBuffer.shrink_to_fit();
+    ACE_Message_Block* pBlock = nullptr;
+    ACE_Time_Value noWait(ACE_Time_Value::zero);
+    if (m_pOutQueue->is_empty() || m_pOutQueue->dequeue(pBlock, &noWait) == -1)
+        return false;
+    const auto* pBytes = reinterpret_cast<const unsigned char*>(pBlock->base());
+    try
+    {
+        m_WriteBuffer.assign(pBytes + THREAD_ID_BYTES, pBytes + pBlock->size());
+    }
+    catch (const std::bad_alloc&)
+    {
+        m_pOutQueue->enqueue_head(pBlock, &noWait);
+        throw;
+    }
+    std::memcpy(&m_ulWriteThreadId, pBytes, THREAD_ID_BYTES);
+    FreeBlock(pBlock);
+    return true;
+}
+
+void TarnConnectorImpl::DiscardOutput()
+{
+    ACE_Message_Block* pBlock = nullptr;
+    ACE_Time_Value noWait(ACE_Time_Value::zero);
+    while (!m_pOutQueue->is_empty() && m_pOutQueue->dequeue(pBlock, &noWait) != -1)
+        FreeBlock(pBlock);
+}
+
+int TarnConnectorImpl::SendData(const char* pBuf, int iLength)
+{
+    if (pBuf == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl::SendData fail, input para pBuf=NULL\n");
+        return -1;
+    }
+    int iSent = 0;
+    while (iSent < iLength)
+    {
+        ssize_t iTaken = -1;
+        int iError = EBADF;
+        {
+            const DescriptorGuard::Use use(m_DescriptorGuard);
+            const ACE_HANDLE handle = UsableHandle();
+            if (handle != ACE_INVALID_HANDLE)
+            {
+                // Without the flag a peer that is gone would end the process by a signal.
+                iTaken = ACE::send(handle, pBuf + iSent, static_cast<std::size_t>(iLength - iSent),
+                                   MSG_NOSIGNAL, static_cast<const ACE_Time_Value*>(nullptr));
+                iError = errno;
+            }
+        }
+        if (iTaken >= 0)
+        {
+            iSent += static_cast<int>(iTaken);
+            continue;
+        }
+        if (IsWouldBlock(iError))
+            return iSent;
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl(0x%x) SendData fail, errno=%d when write ret=-1\n",
+                             GetHandle(), iError);
+        errno = iError;
+        return -1;
+    }
+    return iSent;
+}

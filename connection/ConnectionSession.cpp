@@ -1,0 +1,144 @@
+#include "asyncio/TEAsyncIOMgrImpl.h"
+#include "connection/HandlerCall.h"
+#include "connection/TarnConnectorImpl.h"
+
+#include <ace/Thread.h>
+
+void TarnConnectorImpl::set_handle(ACE_HANDLE handle)
+{
+    const DescriptorGuard::Change change(m_DescriptorGuard);
+    StoreHandle(handle);
+}
+
+void TarnConnectorImpl::StoreHandle(ACE_HANDLE handle)
+{
+    const TarnWriteGuard guard(m_ParameterLock);
+    m_Handle = handle;
+    if (handle != ACE_INVALID_HANDLE && ++m_ulSession == 0)
+        m_ulSession = 1; // 0 stands for none
+}
+
+ACE_HANDLE TarnConnectorImpl::GetHandle()
+{
+    const TarnReadGuard guard(m_ParameterLock);
+    return m_Handle;
+}
+
+ACE_HANDLE TarnConnectorImpl::UsableHandle()
+{
+    const HandlerCall* pCall = HandlerCall::CurrentOf(*this);
+    return pCall != nullptr && pCall->Session() != m_ulSession ? ACE_INVALID_HANDLE : GetHandle();
+}
+
+int TarnConnectorImpl::CloseDescriptor(const std::function<int()>& close)
+{
+    // A registration that is left behind would read the next owner of the number.
+    if (IsServed())
+        if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+            pAsyncIOMgr->UnregisterHandle(this);
+    const DescriptorGuard::Change change(m_DescriptorGuard);
+    const int iResult = close();
+    if (iResult != 0)
+        return iResult;
+    // Closed on purpose, so what an I/O thread may still see of it is no break.
+    ClaimBreak(m_ulSession);
+    StoreHandle(ACE_INVALID_HANDLE);
+    return 0;
+}
+
+std::uint32_t TarnConnectorImpl::OpenSession()
+{
+    const DescriptorGuard::Use use(m_DescriptorGuard);
+    return GetHandle() != ACE_INVALID_HANDLE ? m_ulSession.load() : 0;
+}
+
+std::uint32_t TarnConnectorImpl::ServedSession()
+{
+    const DescriptorGuard::Use use(m_DescriptorGuard);
+    const std::uint32_t ulSession = m_ulSession;
+    return GetHandle() != ACE_INVALID_HANDLE && m_ulServed == ulSession ? ulSession : 0;
+}
+
+void TarnConnectorImpl::SetServed(bool bServed)
+{
+    m_ulServed = bServed ? m_ulSession.load() : 0;
+    if (!bServed || IsControlParaTrue(AUTO_CONNECT))
+        return;
+    // A descriptor of the caller's may be served again after a break, and may then break again.
+    const std::lock_guard<std::mutex> guard(m_ClaimMutex);
+    m_ulBreakClaimed = 0;
+}
+
+std::uint32_t TarnConnectorImpl::ClaimOpened()
+{
+    const std::uint32_t ulSession = OpenSession();
+    const std::lock_guard<std::mutex> guard(m_ClaimMutex);
+    if (ulSession == 0 || m_ulOpenedClaimed == ulSession || m_ulBreakClaimed == ulSession)
+        return 0;
+    m_ulOpenedClaimed = ulSession;
+    // Within the lock: a break that is claimed later is announced later.
+    m_Hooks.ReserveOpened();
+    return ulSession;
+}
+
+bool TarnConnectorImpl::ClaimBreak(std::uint32_t ulSession)
+{
+    const std::lock_guard<std::mutex> guard(m_ClaimMutex);
+    if (ulSession == 0 || m_ulBreakClaimed == ulSession)
+        return false;
+    m_ulBreakClaimed = ulSession;
+    return true;
+}
+
+void TarnConnectorImpl::CloseSession(std::uint32_t ulSession)
+{
+    // Looked at before, so that nobody waits for an attempt to connect that follows the session.
+    if (OpenSession() != ulSession)
+        return;
+    const TarnGuard guard(m_OpenMutex);
+    // A descriptor that the host has closed behind the transport's back fails once and is forgotten then.
+    if (OpenSession() == ulSession && DisConnect() != 0)
+        DisConnect();
+}
+
+ACE_Event_Handler::Reference_Count TarnConnectorImpl::add_reference()
+{
+    const std::lock_guard<std::mutex> guard(m_PinMutex);
+    return ++m_nReactorPins;
+}
+
+ACE_Event_Handler::Reference_Count TarnConnectorImpl::remove_reference()
+{
+    const std::lock_guard<std::mutex> guard(m_PinMutex);
+    m_PinReleased.notify_all();
+    return --m_nReactorPins;
+}
+
+void TarnConnectorImpl::Pin()
+{
+    const std::lock_guard<std::mutex> guard(m_PinMutex);
+    ++m_nUsePins;
+}
+
+void TarnConnectorImpl::Unpin()
+{
+    const std::lock_guard<std::mutex> guard(m_PinMutex);
+    --m_nUsePins;
+}
+
+bool TarnConnectorImpl::WaitForOldCalls(std::chrono::milliseconds timeout)
+{
+    const int nOwn = HandlerCall::CurrentOf(*this) != nullptr ? 1 : 0;
+    std::unique_lock<std::mutex> lock(m_PinMutex);
+    return m_PinReleased.wait_for(lock, timeout, [&] { return m_nReactorPins <= nOwn; });
+}
+
+bool TarnConnectorImpl::IsUnused()
+{
+    // In this order: a reactor call holds its pin longer than its reference, and without a reference nobody
+    // can register the connection anew.
+    if (GetRefCount() > m_nAbandoned)
+        return false;
+    const std::lock_guard<std::mutex> guard(m_PinMutex);
+    return m_nReactorPins == 0 && m_nUsePins == 0;
+}

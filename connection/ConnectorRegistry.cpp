@@ -1,0 +1,319 @@
+#include "asyncio/TEAsyncIOMgrImpl.h"
+#include "connection/ConnectionPin.h"
+#include "connection/TarnConnectorImpl.h"
+#include "connection/TarnConnectorMgrImpl.h"
+#include "core/ApplicationCall.h"
+#include "core/LogArguments.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TarnConnector.h"
+
+#include <optional>
+#include <typeinfo>
+
+namespace {
+
+// Hooks that the calling thread is inside of.
+thread_local int t_nHookDepth = 0;
+
+class HookDepth
+{
+public:
+    HookDepth() { ++t_nHookDepth; }
+    ~HookDepth() { --t_nHookDepth; }
+    HookDepth(const HookDepth&) = delete;
+    HookDepth& operator=(const HookDepth&) = delete;
+};
+
+std::uint32_t TargetId(unsigned long ulTargetID)
+{
+    return static_cast<std::uint32_t>(ulTargetID);
+}
+
+} // namespace
+
+/// The use lock is handed out and comes back by ReleaseConnector, which no analysis of one function can follow.
+void TarnConnectorMgrImpl::AcquireUse(TarnConnector& connector)
+{
+    connector.m_UseLock.acquire_read();
+}
+
+void TarnConnectorMgrImpl::ReleaseUse(TarnConnector& connector)
+{
+    connector.m_UseLock.release();
+}
+
+/// A connector in use for the call of a hook, and counted, so that its unregistration waits for the call.
+class TarnConnectorMgrImpl::HookUse
+{
+public:
+    HookUse(TarnConnectorMgrImpl& manager, const ConnectionKey& key, const TarnConnectorImpl* pOnly)
+        : m_Manager(manager)
+    {
+        const TarnReadGuard guard(manager.m_RegistryLock);
+        const auto it = manager.m_mapConnector.find(key);
+        if (it == manager.m_mapConnector.end() ||
+            (pOnly != nullptr && it->second->GetTarnConnectorImpl() != pOnly))
+            return;
+        m_pConnector = it->second;
+        AcquireUse(*m_pConnector);
+        const std::lock_guard<std::mutex> hookGuard(manager.m_HookMutex);
+        ++m_pConnector->m_nHooks;
+    }
+    ~HookUse()
+    {
+        if (m_pConnector == nullptr)
+            return;
+        ReleaseUse(*m_pConnector);
+        const std::lock_guard<std::mutex> hookGuard(m_Manager.m_HookMutex);
+        --m_pConnector->m_nHooks; // from here on the connector may be gone
+        m_Manager.m_HookLeft.notify_all();
+    }
+    HookUse(const HookUse&) = delete;
+    HookUse& operator=(const HookUse&) = delete;
+
+    TarnConnector* Get() const { return m_pConnector; }
+
+private:
+    TarnConnectorMgrImpl& m_Manager;
+    TarnConnector* m_pConnector = nullptr;
+};
+
+int TarnConnectorMgrImpl::RegisterConnector(TarnConnector* pConnector, bool bWait, int iWaitConnectCount)
+{
+    if (pConnector == nullptr)
+    {
+        TarnAdapterFrmtTrace(1,
+                             "TarnConnectorMgrImpl::RegisterConnector error, input para pConnector=null\n");
+        return -1;
+    }
+    const ConnectionPin pin(*pConnector,
+                            "TarnConnectorMgrImpl::RegisterConnector error, pConnectorImpl= null\n");
+    if (!pin)
+        return -1;
+    if (RegistConnectorImpl(pConnector, pin->GetGroupID(), pin->GetTargetID()) != 0)
+        return -1;
+    const int iResult = OpenRegistered(pin.Get(), bWait, iWaitConnectCount);
+    if (iResult != 0)
+        TarnAdapterFrmtTrace(
+            2,
+            "TarnConnectorMgrImpl::RegisterConnector failed with 0x%x, the key stays registered, "
+            "groupId = %d, targetId = 0x%x\n",
+            static_cast<unsigned>(iResult), pin->GetGroupID(), pin->GetTargetID());
+    return iResult;
+}
+
+int TarnConnectorMgrImpl::RegistConnectorImpl(TarnConnector* pConnector, int iGroupId,
+                                              std::uint32_t ulTargetID)
+{
+    if (iGroupId < 0)
+    {
+        TarnAdapterFrmtTrace(1, "RegistConnectorImpl error, iGroupId = %d,iTargetID = 0x%x \n", iGroupId,
+                             ulTargetID);
+        return -1;
+    }
+    return WithMemory("RegisterConnector", -1, [&] {
+        const TarnWriteGuard guard(m_RegistryLock);
+        const bool bNew = m_mapConnector.emplace(ConnectionKey{iGroupId, ulTargetID}, pConnector).second;
+        TarnAdapterFrmtTrace(
+            1,
+            bNew ? "RegistConnectorImpl success, groupId = %d, targetId = 0x%x \n"
+                 : "RegistConnectorImpl failed , regist again!, groupId = %d, targetId = 0x%x \n",
+            iGroupId, ulTargetID);
+        return bNew ? 0 : -1;
+    });
+}
+
+/// Opens a connection, or has it opened, that has just been registered; or serves one that is open.
+int TarnConnectorMgrImpl::OpenRegistered(TarnConnectorImpl* pConnector, bool bWait, int iWaitConnectCount)
+{
+    if (!pConnector->IsControlParaTrue(AUTO_CONNECT))
+    {
+        TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
+        return pAsyncIOMgr != nullptr ? pAsyncIOMgr->RegisterHandle(pConnector) : -1;
+    }
+    if (pConnector->OpenSession() != 0)
+        TarnAdapterFrmtTrace(
+            2,
+            "TarnConnectorMgrImpl::RegisterConnector, the connection is open already and not served, "
+            "groupId = %d, targetId = 0x%x\n",
+            pConnector->GetGroupID(), pConnector->GetTargetID());
+    if (!bWait)
+        return RequestConnect(pConnector);
+    if (WaitConnectTarget(pConnector, iWaitConnectCount))
+        return 0;
+    return EnqueueReadyConnQueue(pConnector, true);
+}
+
+int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTargetID)
+{
+    const ConnectionKey key{iGroupId, TargetId(ulTargetID)};
+    if (iGroupId < 0)
+    {
+        TarnAdapterFrmtTrace(
+            1, "TarnConnectorMgrImpl::UnRegisterConnector, para error, iGroupId = %d, iTargetID = 0x%x\n",
+            iGroupId, key.ulTargetID);
+        return -1;
+    }
+    constexpr const char* NOT_FOUND =
+        "UnRegisterConnector failed ! cannot find TarnConnectorImpl, groupId = %d, TargetId = 0x%x\n";
+    TarnConnector* pConnector = nullptr;
+    std::optional<ConnectionPin> pin;
+    {
+        const TarnReadGuard guard(m_RegistryLock);
+        const auto it = m_mapConnector.find(key);
+        if (it == m_mapConnector.end())
+        {
+            TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
+            return -1;
+        }
+        pConnector = it->second;
+        pin.emplace(*pConnector, nullptr);
+    }
+    if (!*pin)
+    {
+        TarnAdapterFrmtTrace(1,
+                             "UnRegisterConnector failed ! find TarnConnectorImpl,but is NULL, groupId = %d, "
+                             "TargetId = 0x%x\n",
+                             iGroupId, key.ulTargetID);
+        return -1;
+    }
+    if ((*pin)->IsControlParaTrue(AUTO_CONNECT))
+        RequestDisConnect(pin->Get());
+    else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+        pAsyncIOMgr->UnregisterHandle(pin->Get());
+    if (RemoveConnector(key))
+        WaitForHooks(*pConnector);
+    else // another thread has been faster, and may have destroyed the connector
+        TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
+    TarnAdapterFrmtTrace(1, "UnRegisterConnector sucess ! groupId = %d, TargetId = 0x%x\n", iGroupId,
+                         key.ulTargetID);
+    return 0;
+}
+
+bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key)
+{
+    const TarnWriteGuard guard(m_RegistryLock);
+    return m_mapConnector.erase(key) != 0;
+}
+
+/// No hook of an unregistered connector begins any more. A thread inside a hook does not wait: two of them
+/// might wait for each other.
+void TarnConnectorMgrImpl::WaitForHooks(const TarnConnector& connector)
+{
+    if (t_nHookDepth > 0)
+        return;
+    std::unique_lock<std::mutex> lock(m_HookMutex);
+    while (!m_HookLeft.wait_for(lock, std::chrono::seconds(1), [&] { return connector.m_nHooks == 0; }))
+        TarnAdapterFrmtTrace(3, "TarnConnectorMgrImpl::UnRegisterConnector, waiting for a hook to return\n");
+}
+
+TarnConnector* TarnConnectorMgrImpl::GetConnectorByID(int iGroupId, unsigned long ulTargetID)
+{
+    const ConnectionKey key{iGroupId, TargetId(ulTargetID)};
+    if (iGroupId < 0)
+    {
+        TarnAdapterFrmtTrace(
+            1, "TarnConnectorMgrImpl::GetConnectorByID, para error, iGroupId = %d, iTargetID = 0x%x \n",
+            iGroupId, key.ulTargetID);
+        return nullptr;
+    }
+    const TarnReadGuard guard(m_RegistryLock);
+    const auto it = m_mapConnector.find(key);
+    if (it == m_mapConnector.end())
+        return nullptr;
+    AcquireUse(*it->second);
+    return it->second;
+}
+
+TarnConnector* TarnConnectorMgrImpl::GetConnectorByHandle(ACE_HANDLE handle)
+{
+    TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
+    TarnConnectorImpl* pConnector = pAsyncIOMgr != nullptr ? pAsyncIOMgr->FindConnectorImpl(handle) : nullptr;
+    if (pConnector == nullptr)
+        return nullptr;
+    const int iGroupId = pConnector->GetGroupID();
+    const std::uint32_t ulTargetID = pConnector->GetTargetID();
+    ReleaseConnectorImplDecRef(pConnector);
+    return GetConnectorByID(iGroupId, ulTargetID);
+}
+
+int TarnConnectorMgrImpl::ReleaseConnector(TarnConnector* pConnector)
+{
+    if (pConnector != nullptr)
+        ReleaseUse(*pConnector);
+    return 0;
+}
+
+TarnConnectorImpl* TarnConnectorMgrImpl::GetConnectorImplByID(int iGroupId, std::uint32_t ulTargetID)
+{
+    if (iGroupId < 0)
+    {
+        TarnAdapterFrmtTrace(
+            1, "TarnConnectorMgrImpl::GetConnectorImplByID, para error, iGroupId = %d, iTargetID = 0x%x \n",
+            iGroupId, ulTargetID);
+        return nullptr;
+    }
+    TarnConnector* pConnector = GetConnectorByID(iGroupId, ulTargetID);
+    if (pConnector == nullptr)
+        return nullptr;
+    const ConnectionPin pin(*pConnector, nullptr);
+    if (pin)
+        UseConnectorImplAndIncRef(pin.Get());
+    ReleaseConnector(pConnector);
+    return pin.Get();
+}
+
+bool TarnConnectorMgrImpl::OnSockBreak(int iGroupId, std::uint32_t ulTargetID, int* pResult,
+                                       const TarnConnectorImpl* pOnly)
+{
+    return CallHook({iGroupId, ulTargetID}, pResult, pOnly, "OnSockBreak", &TarnConnector::OnSockBreak);
+}
+
+bool TarnConnectorMgrImpl::OnConnectOK(int iGroupId, std::uint32_t ulTargetID, int* pResult,
+                                       const TarnConnectorImpl* pOnly)
+{
+    return CallHook({iGroupId, ulTargetID}, pResult, pOnly, "OnConnectOK", &TarnConnector::OnConnectOK);
+}
+
+bool TarnConnectorMgrImpl::CallHook(const ConnectionKey& key, int* pResult, const TarnConnectorImpl* pOnly,
+                                    const char* pszOperation, int (TarnConnector::*pfnHook)())
+{
+    *pResult = -1;
+    if (key.iGroupID < 0)
+    {
+        TarnAdapterFrmtTrace(1, "TarnConnectorMgrImpl::%s, para error, iGroupId = %d, iTargetID = 0x%x \n",
+                             pszOperation, key.iGroupID, key.ulTargetID);
+        return false;
+    }
+    const HookUse use(*this, key, pOnly);
+    if (use.Get() == nullptr)
+        return false;
+    TarnConnector& connector = *use.Get();
+    const HookDepth depth;
+    CallApplication(pszOperation, typeid(connector), [&] { *pResult = (connector.*pfnHook)(); });
+    return true;
+}
+
+int TarnConnectorMgrImpl::Connect(TarnConnector* pConnector)
+{
+    if (pConnector == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TarnConnectorMgrImpl::Connect error, input para pConnector=null\n");
+        return -1;
+    }
+    int iResult = -1;
+    CallApplication("Connect", typeid(*pConnector), [&] { iResult = pConnector->Connect(); });
+    return iResult;
+}
+
+int TarnConnectorMgrImpl::DisConnect(TarnConnector* pConnector)
+{
+    if (pConnector == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "TarnConnectorMgrImpl::DisConnect error, input para pConnector=null\n");
+        return -1;
+    }
+    int iResult = -1;
+    CallApplication("DisConnect", typeid(*pConnector), [&] { iResult = pConnector->DisConnect(); });
+    return iResult;
+}

@@ -1,0 +1,214 @@
+#include "connection/TarnConnectorImpl.h"
+
+#include "asyncio/TEAsyncIOMgrImpl.h"
+#include "connection/HandlerCall.h"
+#include "connection/TarnConnectorMgrImpl.h"
+#include "core/ApplicationCall.h"
+#include "core/LogArguments.h"
+#include "platform/tarnplatform.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/tarnbaseutil.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr std::size_t OUT_QUEUE_BYTES = 10'240'000;
+// How often in a row the reactor is asked to call again at once: it does so on the same thread and without
+// looking at other connections, so some elements that keep sending would hold all I/O threads.
+constexpr int MAX_REPEATS = 16;
+
+} // namespace
+
+/// Holds a reference for its own lifetime.
+class TarnConnectorImpl::Reference
+{
+public:
+    explicit Reference(TarnConnectorImpl& connection)
+        : m_Connection(connection)
+    {
+        m_Connection.IncRef();
+    }
+    ~Reference() { m_Connection.DecRef(); }
+    Reference(const Reference&) = delete;
+    Reference& operator=(const Reference&) = delete;
+
+private:
+    TarnConnectorImpl& m_Connection;
+};
+
+TarnConnectorImpl::TarnConnectorImpl(TarnConnector* /*pOwner*/)
+    : ACE_Event_Handler(nullptr, 0)
+    , m_pOutQueue(std::make_unique<ACE_Message_Queue<ACE_MT_SYNCH>>(OUT_QUEUE_BYTES, OUT_QUEUE_BYTES))
+    , m_Hooks([this](HookEvent eEvent) { DeliverHook(eEvent); })
+{
+    reference_counting_policy().value(Reference_Counting_Policy::ENABLED);
+}
+
+TarnConnectorImpl::~TarnConnectorImpl()
+{
+    constexpr DWORD POLL_MS = 1000;
+    constexpr int PASSES_PER_DUMP = 10;
+    for (int iPass = 1; !IsUnused(); ++iPass)
+    {
+        TarnAdapterFrmtTrace(1, "while ~TarnConnectorImpl(), Refcount = %d,GroupId = %d,TargetID = 0x%x\n",
+                             GetRefCount(), GetGroupID(), GetTargetID());
+        if (iPass % PASSES_PER_DUMP == 0)
+            DumpRefThreadInfo();
+        Sleep(POLL_MS);
+    }
+    DiscardOutput();
+}
+
+int TarnConnectorImpl::handle_input(ACE_HANDLE /*handle*/)
+{
+    const Reference reference(*this);
+    HandlerCall call(*this);
+    if (call.Session() == 0)
+        return 0; // unregistered between the reactor's look and this call
+    const int iRead = TryRead();
+    return iRead < 0 ? BreakFromInput(call) : BoundRepeats(iRead);
+}
+
+int TarnConnectorImpl::BoundRepeats(int iResult)
+{
+    if (iResult == 0)
+        m_nRepeats = 0;
+    else if (++m_nRepeats >= MAX_REPEATS && !HasBufferedInput())
+    {
+        m_nRepeats = 0;
+        return 0; // the descriptor is still readable, so the reactor comes back after the others
+    }
+    return iResult;
+}
+
+int TarnConnectorImpl::handle_output(ACE_HANDLE /*handle*/)
+{
+    const Reference reference(*this);
+    HandlerCall call(*this);
+    if (call.Session() == 0)
+        return 0;
+    int iWritten = TryWrite();
+    if (iWritten == -1)
+    {
+        TarnAdapterFrmtTrace(3, "TarnConnectorImpl::handle_output : Write error(%d),handle(0x%x)\n", errno,
+                             GetHandle());
+        SwitchWriteEvents(false);
+        return Break(call, "TarnConnectorImpl::handle_output : DisConnect\n");
+    }
+    if (iWritten == 0)
+        iWritten = WriteLastTime();
+    if (iWritten == -1)
+        return Break(call, nullptr);
+    if (iWritten == 0)
+        return 0;
+    // Write interest stays on, and the reactor serves it before reading: without a turn here the connection
+    // would not be read until all is sent.
+    return TryRead() < 0 ? BreakFromInput(call) : 0;
+}
+
+/// Sends what has been queued meanwhile and switches write events off. Under the send lock: whoever queues a
+/// block later finds the flag clear and switches them on again.
+int TarnConnectorImpl::WriteLastTime()
+{
+    const TarnGuard guard(m_SendLock);
+    const int iWritten = TryWrite();
+    if (iWritten == MORE_LATER)
+        return iWritten;
+    SwitchWriteEvents(false);
+    if (iWritten == 0)
+        m_bWritePending = false;
+    return iWritten;
+}
+
+int TarnConnectorImpl::TryRead()
+{
+    return WithMemory("TarnConnectorImpl::Read", -1, [this] { return Read(); });
+}
+
+int TarnConnectorImpl::TryWrite()
+{
+    return WithMemory("TarnConnectorImpl::Write", -1, [this] { return Write(); });
+}
+
+int TarnConnectorImpl::BreakFromInput(HandlerCall& call)
+{
+    TarnAdapterFrmtTrace(3, "TarnConnectorImpl::handle_input : Read error(%d),handle(0x%x)\n", errno,
+                         GetHandle());
+    return Break(call, nullptr);
+}
+
+/// Ends the session that a handler call was made for, unless somebody else does.
+/// @param pszDisConnectText  logged before the connection is closed; may be null
+int TarnConnectorImpl::Break(HandlerCall& call, const char* pszDisConnectText)
+{
+    call.LeaveBuffers();
+    if (!ClaimBreak(call.Session()))
+        return BROKEN;
+    if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+        pAsyncIOMgr->UnregisterSession(this, call.Session());
+    if (IsControlParaTrue(AUTO_CONNECT))
+    {
+        if (pszDisConnectText != nullptr)
+            TarnAdapterFrmtTrace(3, "%s", pszDisConnectText);
+        CloseSession(call.Session());
+    }
+    PostBroken(HookEvent::BROKEN_RECONNECT);
+    return BROKEN;
+}
+
+void TarnConnectorImpl::BreakUnserved(std::uint32_t ulSession)
+{
+    if (!ClaimBreak(ulSession))
+        return;
+    CloseSession(ulSession);
+    PostBroken(HookEvent::BROKEN_RECONNECT);
+}
+
+void TarnConnectorImpl::DeliverHook(HookEvent eEvent)
+{
+    TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
+    if (pConnectorMgr == nullptr)
+        return;
+    int iResult = 0;
+    if (eEvent == HookEvent::OPENED)
+        pConnectorMgr->OnConnectOK(GetGroupID(), GetTargetID(), &iResult, this);
+    else if (pConnectorMgr->OnSockBreak(GetGroupID(), GetTargetID(), &iResult, this) &&
+             eEvent == HookEvent::BROKEN_RECONNECT && !TarnAppIsExit())
+        pConnectorMgr->EnqueueReadyConnQueue(this, true);
+}
+
+int TarnConnectorImpl::handle_timeout(const ACE_Time_Value& /*currentTime*/, const void* /*pArg*/)
+{
+    return 0;
+}
+
+/// The reactor calls it with its token held. With another mask than UnregisterHandle's only when somebody has
+/// gone past that: a handler call that fails has unregistered the connection by itself.
+int TarnConnectorImpl::handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+{
+    const Reference reference(*this);
+    const auto uMask = static_cast<unsigned>(mask);
+    TarnAdapterFrmtTrace(1, "Close handle mask : 0x%x  handle 0x%x\n", uMask, handle);
+    if (mask == ACE_Event_Handler::ALL_EVENTS_MASK)
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl::handle_close, because of unregister handle\n");
+    else
+    {
+        const std::uint32_t ulSession = ServedSession();
+        if (ulSession == 0 || !ClaimBreak(ulSession))
+            return 0;
+        if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+            pAsyncIOMgr->UnregisterSession(this, ulSession);
+        if (IsControlParaTrue(AUTO_CONNECT))
+            CloseSession(ulSession);
+        PostBroken(HookEvent::BROKEN_RECONNECT);
+    }
+    TarnAdapterFrmtTrace(1, "time:%d, handle 0x%x close mask: 0x%x.\n", AsInt(GetTickCount()), handle, uMask);
+    return 0;
+}
+
+void* TarnConnectorImpl::GetSocketStream()
+{
+    TarnAdapterFrmtTrace(1, "TarnConnectorImpl::GetSocketStream is NULL \n");
+    return nullptr;
+}

@@ -1,0 +1,268 @@
+#ifndef TARN_CONNECTION_TARNCONNECTORIMPL_H
+#define TARN_CONNECTION_TARNCONNECTORIMPL_H
+
+#include "connection/DescriptorGuard.h"
+#include "connection/HookQueue.h"
+#include "tarnadapterframe/ConnectionTypes.h"
+#include "tarnadapterframe/TarnLock.h"
+
+// The queue's header does not include what its locking needs.
+#include <ace/Condition_Thread_Mutex.h>
+#include <ace/Null_Mutex.h>
+#include <ace/Thread_Mutex.h>
+
+#include <ace/Event_Handler.h>
+#include <ace/Message_Queue.h>
+#include <ace/OS_NS_Thread.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class HandlerCall;
+class TarnConnector;
+
+/// One connection to a network element: identity and settings, the descriptor, what is waiting to be sent and
+/// to be framed. Base of the transports, and the handler that the I/O reactor calls.
+///
+/// **Threads.** handle_input, handle_output and handle_close run on I/O threads; for one registration never
+/// two at a time, and a new registration waits until the calls of the old one have left, so the buffers need
+/// no lock. handle_close also runs inside UnregisterHandle, with the reactor's token held. All else may be
+/// called from any thread.
+///
+/// **Life.** Owned by its facade until retired, then by the connection manager, which deletes it when nobody
+/// refers to it. References are counted twice: those that the framework's threads take (IncRef), and the pins
+/// of the reactor and of the facade's callers.
+///
+/// **Openings.** Each time a descriptor is stored a new session begins, with a number of its own. Whoever
+/// found a session broken can only end that one: it may be over already, and the next one healthy.
+///
+/// Locks, in their order: open/close mutex, send lock, descriptor guard; then the reactor's token, the state
+/// lock, the parameter lock or the reference lock, each without another of these. The others are leaves.
+class TarnConnectorImpl : public ACE_Event_Handler
+{
+public:
+    explicit TarnConnectorImpl(TarnConnector* pOwner);
+    /// Waits until nobody refers to the connection, with a line in the log every second.
+    ~TarnConnectorImpl() override;
+
+    TarnConnectorImpl(const TarnConnectorImpl&) = delete;
+    TarnConnectorImpl& operator=(const TarnConnectorImpl&) = delete;
+
+    // --- ACE_Event_Handler ---
+
+    /// Stores the handle; a valid one begins a session. Must not be called with the descriptor guard held.
+    void set_handle(ACE_HANDLE handle) override TARN_EXCLUDES(m_DescriptorGuard, m_ParameterLock);
+    /// @return 1 call again at once, 0 done for now, -2048 the connection is broken and unregistered
+    int handle_input(ACE_HANDLE handle) override;
+    int handle_output(ACE_HANDLE handle) override;
+    int handle_timeout(const ACE_Time_Value& currentTime, const void* pArg) override;
+    int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
+
+    // The reactor's pins: one for a registration and one for each call.
+    Reference_Count add_reference() override;
+    Reference_Count remove_reference() override;
+
+    // --- the transport ---
+
+    /// Parses the transport's parameters. @return 0, or negative
+    virtual int InitCommuPara(std::vector<void*>& vctParas) = 0;
+    /// Reports the parameters. @return false when the stored protocol type is not the transport's own
+    virtual bool GetCommuPara(ECommuProtocolType& eType, unsigned long& ulIP, unsigned short& usPort,
+                              std::string& strFirst, std::string& strSecond, std::string& strThird,
+                              unsigned long& ulNumber) = 0;
+    /// Opens the connection unless it is open. Attempts and closings run one after the other.
+    /// @return 0 open, -1 failed
+    virtual int Connect() = 0;
+    /// Closes the connection. @return 0 closed, -1 it did not close
+    virtual int DisConnect() = 0;
+
+    /// Queues bytes for sending and has an I/O thread send them, see TEAsyncIOMgr::SendToOutBuffer.
+    /// @return 0 queued, or no memory (logged); -1 refused
+    virtual int AddAndSendData(const char* pData, int iLength) TARN_EXCLUDES(m_SendLock);
+    virtual ACE_HANDLE GetHandle() TARN_EXCLUDES(m_ParameterLock);
+    virtual void* GetSocketStream();
+    /// Receives once and frames what there is. @return above 0 more may be waiting, 0 done, below 0 broken
+    virtual int Read();
+    /// Sends what is queued, a bounded number of bytes. @return 0 all sent, -1 failed, MORE_LATER
+    virtual int Write();
+    /// One attempt to send. @return bytes sent, fewer when the socket takes no more now, or -1
+    virtual int SendData(const char* pBuf, int iLength) TARN_EXCLUDES(m_DescriptorGuard);
+    /// One attempt to receive. @return bytes received, 0 nothing now, -1 closed or failed
+    virtual int RecvData(char* pBuf, int iLength) TARN_EXCLUDES(m_DescriptorGuard);
+
+    /// True while the transport itself holds received bytes, which no descriptor announces.
+    virtual bool HasBufferedInput() { return false; }
+
+    /// Result of Write: bytes are left, for the next time.
+    static constexpr int MORE_LATER = 1;
+
+    // --- settings, each under the parameter lock ---
+
+    void SetConnTimeOut(int iSeconds);
+    int GetConnTimeOut();
+    void SetConnectCount(int iCount);
+    int GetConnectCount();
+    void IncConnectCount();
+    void SetMaxConnectCount(int iCount);
+    int GetMaxConnectCount();
+    void SetGroupID(int iGroupID);
+    int GetGroupID();
+    void SetTargetID(std::uint32_t ulTargetID);
+    std::uint32_t GetTargetID();
+    void SetControlFlag(int iControlFlag);
+    int GetControlFlag();
+    /// Sets and clears bits in one step.
+    void ChangeControlFlag(int iSet, int iClear);
+    bool IsControlParaTrue(int iMask);
+    void SetCommuProtType(ECommuProtocolType eType);
+    ECommuProtocolType GetCommuProtType();
+    void SetAdapterProtocolID(std::uint32_t ulProtocolID);
+
+    EConnectState GetState() TARN_EXCLUDES(m_StateLock);
+    void SetState(EConnectState eState) TARN_EXCLUDES(m_StateLock);
+
+    // --- references ---
+
+    void IncRef() TARN_EXCLUDES(m_ReferenceLock);
+    void DecRef() TARN_EXCLUDES(m_ReferenceLock);
+    int GetRefCount() TARN_EXCLUDES(m_ReferenceLock);
+    /// Logs which threads hold references, when they are recorded.
+    void DumpRefThreadInfo() TARN_EXCLUDES(m_ReferenceLock);
+    /// References of an engine that is gone: nobody will ever release them.
+    void AbandonReferences(int nReferences) { m_nAbandoned += nReferences; }
+    void ForgetReferences() TARN_EXCLUDES(m_ReferenceLock);
+    /// Pins by callers of the facade.
+    void Pin();
+    void Unpin();
+    /// True when nobody refers to the connection, neither by reference nor by pin.
+    bool IsUnused();
+
+    /// The facade has let go of the connection: it is not opened, served or heard of again.
+    void Retire() { m_bRetired = true; }
+    bool IsRetired() const { return m_bRetired; }
+
+    // --- sessions ---
+
+    /// The session whose descriptor is open; 0 when none is.
+    std::uint32_t OpenSession() TARN_EXCLUDES(m_DescriptorGuard);
+    /// The session that the I/O manager serves, if it is open; else 0.
+    std::uint32_t ServedSession() TARN_EXCLUDES(m_DescriptorGuard);
+    /// True when this is the last session, open or not. Within the descriptor guard.
+    bool IsSession(std::uint32_t ulSession) const { return m_ulSession == ulSession; }
+    /// Claims, for one caller only, to have the open session served and announced: its place among the hooks
+    /// is reserved. @return the session, or 0: not open, or claimed already
+    std::uint32_t ClaimOpened();
+    /// Tells the owner that the claimed session has been opened.
+    void PostOpened() { m_Hooks.PostOpened(); }
+    /// Claims, for one caller only, to end a session. False: somebody else does.
+    bool ClaimBreak(std::uint32_t ulSession);
+    void PostBroken(HookEvent eEvent) { m_Hooks.Post(eEvent); }
+    /// Closes the connection if the session is still the open one.
+    void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
+    /// Ends a session that was opened but cannot be served: closed, announced, and queued for reconnection.
+    void BreakUnserved(std::uint32_t ulSession);
+
+    // --- for the I/O manager ---
+
+    DescriptorGuard& Descriptor() TARN_RETURN_CAPABILITY(m_DescriptorGuard) { return m_DescriptorGuard; }
+    /// Notes that the open session is being served, or that none is. Within the descriptor guard.
+    void SetServed(bool bServed);
+    bool IsServed() const { return m_ulServed != 0; }
+    /// Waits until no reactor call of an earlier registration is left; the calling thread's own does not
+    /// count. @return false when the time was over first
+    bool WaitForOldCalls(std::chrono::milliseconds timeout);
+
+protected:
+    /// Stores a handle within the descriptor guard.
+    void StoreHandle(ACE_HANDLE handle) TARN_REQUIRES(m_DescriptorGuard) TARN_EXCLUDES(m_ParameterLock);
+    /// Closes the descriptor by `close` and forgets the handle when that returns 0, in one step; a leftover
+    /// registration is taken back before. @return close's result
+    int CloseDescriptor(const std::function<int()>& close) TARN_EXCLUDES(m_DescriptorGuard)
+        TARN_REQUIRES(m_OpenMutex);
+    /// The handle for one non-blocking call; invalid when the calling thread's handler call belongs to an
+    /// earlier session. Within the descriptor guard.
+    ACE_HANDLE UsableHandle();
+
+    // Held by attempts to connect for as long as they take, and by closings. Recursive: a closing that has
+    // looked at the session first closes inside.
+    TarnRecursiveThreadMutex m_OpenMutex;
+    DescriptorGuard m_DescriptorGuard;
+    TarnRWThreadMutex m_ParameterLock;
+
+private:
+    class Reference;
+
+    static constexpr int BROKEN = -2048;
+
+    int TryRead();
+    int TryWrite();
+    int BoundRepeats(int iResult);
+    int WriteLastTime() TARN_EXCLUDES(m_SendLock);
+    int BreakFromInput(HandlerCall& call);
+    int Break(HandlerCall& call, const char* pszDisConnectText);
+    int ConsumeFrames();
+    int DiscardInput(int iResult);
+    bool TakeNextBlock();
+    void DiscardOutput();
+    void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
+    void DeliverHook(HookEvent eEvent);
+
+    TarnRWThreadMutex m_StateLock;
+    EConnectState m_eState TARN_GUARDED_BY(m_StateLock) = STATE_DISCONNECTED;
+
+    int m_iConnTimeOut TARN_GUARDED_BY(m_ParameterLock) = 30;
+    int m_iConnectCount TARN_GUARDED_BY(m_ParameterLock) = 0;
+    int m_iMaxConnectCount TARN_GUARDED_BY(m_ParameterLock) = 0;
+    int m_iGroupID TARN_GUARDED_BY(m_ParameterLock) = 0;
+    std::uint32_t m_ulTargetID TARN_GUARDED_BY(m_ParameterLock) = 0;
+    int m_iControlFlag TARN_GUARDED_BY(m_ParameterLock) = 7;
+    ACE_HANDLE
+        m_Handle TARN_GUARDED_BY(m_ParameterLock) = ACE_INVALID_HANDLE; // changed within the guard only
+    ECommuProtocolType m_eProtocolType TARN_GUARDED_BY(m_ParameterLock) = TCP_TYPE;
+    std::atomic<std::uint32_t> m_ulAdapterProtocolID{0};
+
+    // Changed within the descriptor guard: the number by its write side, what is served by its read side.
+    std::atomic<std::uint32_t> m_ulSession{0};
+    std::atomic<std::uint32_t> m_ulServed{0};
+
+    // Touched only from handler calls, one at a time.
+    std::vector<unsigned char> m_ReadBuffer;
+    std::vector<unsigned char> m_WriteBuffer; // the block being sent
+    std::size_t m_uWritten = 0;               // how much of it has been sent
+    std::uint32_t m_ulWriteThreadId = 0;      // who queued it
+    int m_nRepeats = 0;                       // results of 1 in a row
+
+    // Has a lock of its own.
+    std::unique_ptr<ACE_Message_Queue<ACE_MT_SYNCH>> m_pOutQueue;
+
+    TarnThreadMutex m_SendLock;
+    bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;
+
+    TarnRWThreadMutex m_ReferenceLock;
+    int m_nRefCount TARN_GUARDED_BY(m_ReferenceLock) = 0;
+    std::vector<ACE_thread_t> m_RefThreads TARN_GUARDED_BY(m_ReferenceLock);
+    std::atomic<int> m_nAbandoned{0};
+    std::atomic<bool> m_bRetired{false};
+
+    // Guarded by m_PinMutex, a leaf.
+    std::mutex m_PinMutex;
+    std::condition_variable m_PinReleased;
+    int m_nReactorPins = 0;
+    int m_nUsePins = 0;
+
+    // Guarded by m_ClaimMutex, a leaf: the last sessions claimed.
+    std::mutex m_ClaimMutex;
+    std::uint32_t m_ulOpenedClaimed = 0;
+    std::uint32_t m_ulBreakClaimed = 0;
+
+    HookQueue m_Hooks;
+};
+
+#endif

@@ -1,0 +1,82 @@
+#ifndef TARNADAPTERFRAME_TARNCONNECTORMGR_H
+#define TARNADAPTERFRAME_TARNCONNECTORMGR_H
+
+#include "tarnadapterframe/Export.h"
+
+#include <ace/config-all.h>
+
+class TarnConnector;
+
+/// The connections of the process, by their key (group id, target id): opens them on connect threads of its
+/// own, retries and reopens them, and closes them on request.
+///
+/// Every operation may be called from any thread and from inside any hook of a connector, except where noted.
+class TARN_ADAPTER_API TarnConnectorMgr
+{
+public:
+    /// The manager, created on first use; null when ACE's process-wide lock cannot be taken.
+    static TarnConnectorMgr* Instance();
+    /// Stops the connect threads and deletes the manager. tarnadapter::Fini does this.
+    static void Destroy();
+
+    /// Registers a connector under its key. With AUTO_CONNECT set the connection is opened, at once or on a
+    /// connect thread, and kept open; with AUTO_CONNECT clear it must be open already, and its bytes are read
+    /// and written from now on.
+    ///
+    /// Give a connection with AUTO_CONNECT closed: an open one is not served. One that RequestDisConnect has
+    /// closed needs `bWait` false or a later RequestConnect to be opened again.
+    /// @param pConnector         not owned; it must stay alive until it is unregistered
+    /// @param bWait              try to connect on this thread first, for at most 4 seconds an attempt and
+    ///                           with a second's pause after each
+    /// @param iWaitConnectCount  attempts then, at least 1; when all have failed the connection is queued
+    /// @return 0 open, queued, or failed with `bNoNeReconnect` set. -1 refused, or the key is taken. Any
+    ///         failure after the key was entered (AUTO_CONNECT clear: the codes of EAdapterError, too) leaves
+    ///         the connector registered: unregister it
+    virtual int RegisterConnector(TarnConnector* pConnector, bool bWait, int iWaitConnectCount) = 0;
+
+    /// Takes a connector out: closes its connection (AUTO_CONNECT set) or stops serving its handle (clear), and
+    /// waits until no other thread is inside a hook of it, so that it may be destroyed afterwards. Called
+    /// inside a hook, of whichever connector, it does not wait: destroy the connector later then.
+    ///
+    /// While a connect thread is inside an attempt this waits for it, for the connect timeout at most.
+    /// @return 0; -1 when the key is not registered, or group id below 0
+    virtual int UnRegisterConnector(int iGroupId, unsigned long ulTargetID) = 0;
+
+    /// The connector registered under a key, or null. It is in use by the caller until ReleaseConnector and
+    /// must not be destroyed before.
+    virtual TarnConnector* GetConnectorByID(int iGroupId, unsigned long ulTargetID) = 0;
+    /// The connector of an open, registered connection; the same rules.
+    virtual TarnConnector* GetConnectorByHandle(ACE_HANDLE handle) = 0;
+    /// Ends the use of a connector; on the thread that got it. Null is ignored. @return 0
+    virtual int ReleaseConnector(TarnConnector* pConnector) = 0;
+
+    /// TarnConnector::Connect and DisConnect of a connector. @return their result, -1 for null
+    virtual int Connect(TarnConnector* pConnector) = 0;
+    virtual int DisConnect(TarnConnector* pConnector) = 0;
+
+    /// Has a registered connection opened, if it is not open or about to be. A queued one that is waiting for
+    /// its next attempt goes on waiting.
+    /// @return 0; -1 not registered, AUTO_CONNECT clear, or refused
+    virtual int RequestConnect(int iGroupId, unsigned long ulTargetID) = 0;
+    /// Closes a registered connection, or ends the attempts to open it, until RequestConnect. While a connect
+    /// thread is inside an attempt this waits for it, for the connect timeout at most. OnSockBreak is called
+    /// when it was open; before the return, unless another hook of the connector is running.
+    /// @return 0; -1 not registered
+    virtual int RequestDisConnect(int iGroupId, unsigned long ulTargetID) = 0;
+
+    /// Ends all connect threads, waits for them (for the connect timeout of an attempt at most) and forgets
+    /// the queued connections, which are STATE_DISCONNECTED then. Whatever is queued later waits for
+    /// ResumeConnectThreads. Not to be called on a connect thread, that is, in OnConnectOK. @return 0
+    virtual int StopConnectThreads() = 0;
+    /// @return 0
+    virtual int ResumeConnectThreads() = 0;
+
+    TarnConnectorMgr(const TarnConnectorMgr&) = delete;
+    TarnConnectorMgr& operator=(const TarnConnectorMgr&) = delete;
+
+protected:
+    TarnConnectorMgr() = default;
+    virtual ~TarnConnectorMgr() = default;
+};
+
+#endif
