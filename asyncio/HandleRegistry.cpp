@@ -52,25 +52,36 @@ int TEAsyncIOMgrImpl::RegisterHandle(TarnConnectorImpl* pConnector)
         TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::RegisterHandle, NULL TarnConnectorImpl \n");
         return -1;
     }
-    if (!WaitForOldCalls(*pConnector))
+    return Register(*pConnector, nullptr);
+}
+
+int TEAsyncIOMgrImpl::RegisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession)
+{
+    return Register(*pConnector, &ulSession);
+}
+
+int TEAsyncIOMgrImpl::Register(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
+{
+    if (!WaitForOldCalls(connector))
     {
         TarnAdapterFrmtTrace(1,
                              "TEAsyncIOMgrImpl::RegisterHandle refused, a call of the connection's last "
                              "registration is under way, groupid = %d,targetID = 0x%x\n",
-                             pConnector->GetGroupID(), pConnector->GetTargetID());
+                             connector.GetGroupID(), connector.GetTargetID());
         return ADAPTER_ERR_REACTOR;
     }
     const StopGate::Pass pass(m_RegisterGate);
-    if (!pass || pConnector->IsRetired())
+    if (!pass || connector.IsRetired())
     {
         TarnAdapterFrmtTrace(1,
                              "TEAsyncIOMgrImpl::RegisterHandle refused, %s, groupid = %d,targetID = 0x%x\n",
                              pass ? "the connection is retired" : "the engine is being stopped",
-                             pConnector->GetGroupID(), pConnector->GetTargetID());
+                             connector.GetGroupID(), connector.GetTargetID());
         return ADAPTER_ERR_REACTOR;
     }
-    const DescriptorGuard::Use use(pConnector->Descriptor());
-    return RegisterOpenHandle(*pConnector);
+    const TarnGuard guard(connector.RegistrationMutex());
+    const DescriptorGuard::Use use(connector.Descriptor());
+    return RegisterOpenHandle(connector, pOnlySession);
 }
 
 /// An old call may still be framing, or inside a hook, when its connection has been opened again. It must have
@@ -97,10 +108,10 @@ bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector)
 }
 
 /// With the connection's descriptor guard held (read).
-int TEAsyncIOMgrImpl::RegisterOpenHandle(TarnConnectorImpl& connector)
+int TEAsyncIOMgrImpl::RegisterOpenHandle(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
 {
     const ACE_HANDLE handle = connector.GetHandle();
-    if (handle == ACE_INVALID_HANDLE)
+    if (handle == ACE_INVALID_HANDLE || (pOnlySession != nullptr && !connector.IsSession(*pOnlySession)))
     {
         TarnAdapterFrmtTrace(2, "RegisterHandle handle == null \n");
         return ADAPTER_ERR_INVALID_HANDLE;
@@ -175,6 +186,7 @@ int TEAsyncIOMgrImpl::UnregisterHandle(TarnConnectorImpl* pConnector)
         TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::UnregisterHandle error, input para pConnectorImpl=null\n");
         return -1;
     }
+    const TarnGuard guard(pConnector->RegistrationMutex());
     const DescriptorGuard::Use use(pConnector->Descriptor());
     Unregister(*pConnector, nullptr);
     return 0;
@@ -182,6 +194,7 @@ int TEAsyncIOMgrImpl::UnregisterHandle(TarnConnectorImpl* pConnector)
 
 void TEAsyncIOMgrImpl::UnregisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession)
 {
+    const TarnGuard guard(pConnector->RegistrationMutex());
     const DescriptorGuard::Use use(pConnector->Descriptor());
     Unregister(*pConnector, &ulSession);
 }

@@ -33,7 +33,7 @@ class TarnConnectorImpl;
 /// The engine of asynchronous I/O: two reactors with their threads, the registered connections, and the queues
 /// with the threads that handle messages.
 ///
-/// Locks, in their order: a connection's descriptor guard, registry lock, then a connection's parameter and
+/// Locks, in their order: a connection's registration mutex and descriptor guard, registry lock, then a connection's parameter and
 /// reference locks; a connection's send lock and descriptor guard, then the I/O reactor's token; in the stop
 /// only, registry lock, then the token. The others are leaves.
 class TEAsyncIOMgrImpl : public TEAsyncIOMgr
@@ -63,6 +63,8 @@ public:
     /// @return 0; -1 null, or the handle is registered already; ADAPTER_ERR_INVALID_HANDLE;
     ///         ADAPTER_ERR_REACTOR the reactor refused it, or the engine is being stopped
     int RegisterHandle(TarnConnectorImpl* pConnector);
+    /// The same, only if the session is still the connection's; ADAPTER_ERR_INVALID_HANDLE otherwise.
+    int RegisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession);
     /// Takes a connection out. Does not wait for calls under way. @return 0, -1 for null
     int UnregisterHandle(TarnConnectorImpl* pConnector);
     /// The same, only if the session is still the connection's.
@@ -110,7 +112,8 @@ private:
     void AbandonConnections() TARN_EXCLUDES(m_RegistryLock);
 
     // Registration
-    int RegisterOpenHandle(TarnConnectorImpl& connector);
+    int Register(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession);
+    int RegisterOpenHandle(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession);
     bool WaitForOldCalls(TarnConnectorImpl& connector);
     int InsertConnection(ACE_HANDLE handle, TarnConnectorImpl& connector) TARN_EXCLUDES(m_RegistryLock);
     int RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& connector);

@@ -66,7 +66,9 @@ int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnect
     UseConnectorImplAndIncRef(pInfo->pConnector);
     const bool bQueued = WithMemory("putConnectTarget", false, [&] {
         const TarnGuard guard(*m_pConnectQuequeMutex);
-        if (!m_pConnectQueque->emplace(key, pInfo).second)
+        // It may have been queued, and opened, since the caller looked.
+        if (pInfo->pConnector->GetState() != STATE_DISCONNECTED ||
+            !m_pConnectQueque->emplace(key, pInfo).second)
             return false;
         pInfo->pConnector->SetState(STATE_CONNECTING);
         return true;

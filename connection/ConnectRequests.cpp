@@ -12,10 +12,11 @@
 
 namespace {
 
-/// True when the connection is not to be open: its closing was requested, or its facade has let it go.
+/// True when the connection is not to be open: its closing was requested, or its facade is leaving or has let
+/// it go.
 bool IsUnwanted(TarnConnectorImpl& connector)
 {
-    return connector.IsControlParaTrue(EXIT_CONNECT) || connector.IsRetired();
+    return connector.IsControlParaTrue(EXIT_CONNECT) || connector.IsLeaving() || connector.IsRetired();
 }
 
 void MarkDisconnected(TarnConnectorImpl& connector)
@@ -86,7 +87,7 @@ void TarnConnectorMgrImpl::FinishOpened(TarnConnectorImpl* pConnector)
 {
     pConnector->SetConnectCount(0);
     if (IsUnwanted(*pConnector))
-        pConnector->CloseSession(pConnector->OpenSession());
+        CloseForRequest(pConnector);
     else if (!Serve(pConnector))
         RenewRequest(pConnector);
 }
@@ -99,7 +100,7 @@ bool TarnConnectorMgrImpl::Serve(TarnConnectorImpl* pConnector)
     if (ulSession == 0)
         return pConnector->OpenSession() != 0;
     TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
-    const int iRegistered = pAsyncIOMgr != nullptr ? pAsyncIOMgr->RegisterHandle(pConnector) : -1;
+    const int iRegistered = pAsyncIOMgr != nullptr ? pAsyncIOMgr->RegisterSession(pConnector, ulSession) : -1;
     pConnector->PostOpened();
     if (iRegistered != 0)
         pConnector->BreakUnserved(ulSession);
@@ -131,13 +132,25 @@ int TarnConnectorMgrImpl::RequestConnect(TarnConnectorImpl* pConnector)
                              "TarnConnectorMgrImpl::RequestConnect error, input para pConnectorImpl=null\n");
         return -1;
     }
+    if (pConnector->IsLeaving())
+    {
+        TarnAdapterFrmtTrace(
+            1,
+            "TarnConnectorMgrImpl::RequestConnect refused, the connector is being unregistered, "
+            "groupID = %d, targetID = 0x%x\n",
+            pConnector->GetGroupID(), pConnector->GetTargetID());
+        return -1;
+    }
     pConnector->ChangeControlFlag(0, EXIT_CONNECT);
     if (!pConnector->IsControlParaTrue(AUTO_CONNECT))
         return -1;
-    const EConnectState eState = pConnector->GetState();
-    if (eState == STATE_CONNECTED || eState == STATE_CONNECTING)
+    const auto isOpenOrQueued = [pConnector] {
+        const EConnectState eState = pConnector->GetState();
+        return eState == STATE_CONNECTED || eState == STATE_CONNECTING;
+    };
+    if (isOpenOrQueued() || EnqueueReadyConnQueue(pConnector, false) >= 0)
         return 0;
-    return EnqueueReadyConnQueue(pConnector, false) >= 0 ? 0 : -1;
+    return isOpenOrQueued() ? 0 : -1; // another thread may have been faster
 }
 
 /// A request to connect that came while the connection was being closed, abandoned or cancelled found nothing
@@ -212,7 +225,7 @@ int TarnConnectorMgrImpl::RequestDisConnect(TarnConnectorImpl* pConnector)
         return -1;
     bool bGoOn = true;
     // Ends also when a later request to connect has cleared the flag.
-    while (bGoOn && pConnector->IsControlParaTrue(EXIT_CONNECT))
+    while (bGoOn && IsUnwanted(*pConnector))
     {
         const std::uint64_t uFreed = m_RecordFreed.Get();
         const EConnectState eState = pConnector->GetState();
@@ -235,14 +248,14 @@ int TarnConnectorMgrImpl::RequestDisConnect(TarnConnectorImpl* pConnector)
 void TarnConnectorMgrImpl::CloseForRequest(TarnConnectorImpl* pConnector)
 {
     const std::uint32_t ulSession = pConnector->OpenSession();
-    const bool bMine = pConnector->ClaimBreak(ulSession);
+    // An attempt that has just succeeded, and was not announced before the claim, is not announced any more.
+    const bool bAuto = pConnector->IsControlParaTrue(AUTO_CONNECT);
+    const BreakClaim eClaim =
+        pConnector->ClaimBreak(ulSession, bAuto ? BreakTold::IF_OPENING_WAS : BreakTold::YES);
     if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->UnregisterHandle(pConnector);
-    if (ulSession != 0)
-        pConnector->CloseSession(ulSession);
-    else
-        pConnector->DisConnect(); // a state without descriptor, as a caller may set it
-    if (bMine)
+    pConnector->CloseSession(ulSession);
+    if (eClaim == BreakClaim::TELL)
         pConnector->PostBroken(HookEvent::BROKEN);
 }
 

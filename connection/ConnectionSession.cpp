@@ -4,6 +4,16 @@
 
 #include <ace/Thread.h>
 
+namespace {
+
+/// Session numbers start again at 1 some day.
+bool IsLater(std::uint32_t ulSession, std::uint32_t ulOther)
+{
+    return static_cast<std::int32_t>(ulSession - ulOther) > 0;
+}
+
+} // namespace
+
 void TarnConnectorImpl::set_handle(ACE_HANDLE handle)
 {
     const DescriptorGuard::Change change(m_DescriptorGuard);
@@ -41,7 +51,7 @@ int TarnConnectorImpl::CloseDescriptor(const std::function<int()>& close)
     if (iResult != 0)
         return iResult;
     // Closed on purpose, so what an I/O thread may still see of it is no break.
-    ClaimBreak(m_ulSession);
+    ClaimBreak(m_ulSession, BreakTold::NO);
     StoreHandle(ACE_INVALID_HANDLE);
     return 0;
 }
@@ -66,14 +76,14 @@ void TarnConnectorImpl::SetServed(bool bServed)
         return;
     // A descriptor of the caller's may be served again after a break, and may then break again.
     const std::lock_guard<std::mutex> guard(m_ClaimMutex);
-    m_ulBreakClaimed = 0;
+    m_ulBreakClaimed = m_ulSession - 1;
 }
 
 std::uint32_t TarnConnectorImpl::ClaimOpened()
 {
     const std::uint32_t ulSession = OpenSession();
     const std::lock_guard<std::mutex> guard(m_ClaimMutex);
-    if (ulSession == 0 || m_ulOpenedClaimed == ulSession || m_ulBreakClaimed == ulSession)
+    if (ulSession == 0 || !IsLater(ulSession, m_ulOpenedClaimed) || !IsLater(ulSession, m_ulBreakClaimed))
         return 0;
     m_ulOpenedClaimed = ulSession;
     // Within the lock: a break that is claimed later is announced later.
@@ -81,13 +91,16 @@ std::uint32_t TarnConnectorImpl::ClaimOpened()
     return ulSession;
 }
 
-bool TarnConnectorImpl::ClaimBreak(std::uint32_t ulSession)
+BreakClaim TarnConnectorImpl::ClaimBreak(std::uint32_t ulSession, BreakTold eTold)
 {
     const std::lock_guard<std::mutex> guard(m_ClaimMutex);
-    if (ulSession == 0 || m_ulBreakClaimed == ulSession)
-        return false;
+    if (ulSession == 0 || !IsLater(ulSession, m_ulBreakClaimed))
+        return BreakClaim::NOT_MINE;
     m_ulBreakClaimed = ulSession;
-    return true;
+    if (eTold == BreakTold::NO || (eTold == BreakTold::IF_OPENING_WAS && m_ulOpenedClaimed != ulSession))
+        return BreakClaim::SILENT;
+    m_Hooks.ReserveBroken();
+    return BreakClaim::TELL;
 }
 
 void TarnConnectorImpl::CloseSession(std::uint32_t ulSession)

@@ -1,5 +1,6 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "connection/ConnectionPin.h"
+#include "connection/HandlerCall.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "core/ApplicationCall.h"
@@ -32,9 +33,11 @@ std::uint32_t TargetId(unsigned long ulTargetID)
 } // namespace
 
 /// The use lock is handed out and comes back by ReleaseConnector, which no analysis of one function can follow.
+/// Nobody takes it in write mode, so it is had without waiting, and there is no order with other locks.
 void TarnConnectorMgrImpl::AcquireUse(TarnConnector& connector)
 {
-    connector.m_UseLock.acquire_read();
+    if (connector.m_UseLock.tryacquire_read() == -1)
+        connector.m_UseLock.acquire_read(); // interrupted, at most
 }
 
 void TarnConnectorMgrImpl::ReleaseUse(TarnConnector& connector)
@@ -92,6 +95,7 @@ int TarnConnectorMgrImpl::RegisterConnector(TarnConnector* pConnector, bool bWai
         return -1;
     if (RegistConnectorImpl(pConnector, pin->GetGroupID(), pin->GetTargetID()) != 0)
         return -1;
+    pin->SetLeaving(false);
     const int iResult = OpenRegistered(pin.Get(), bWait, iWaitConnectCount);
     if (iResult != 0)
         TarnAdapterFrmtTrace(
@@ -177,10 +181,14 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
                              iGroupId, key.ulTargetID);
         return -1;
     }
+    (*pin)->SetLeaving(true);
     if ((*pin)->IsControlParaTrue(AUTO_CONNECT))
         RequestDisConnect(pin->Get());
     else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->UnregisterHandle(pin->Get());
+    // What has happened is told as long as the connector can be found.
+    if (MayWaitForHooks())
+        (*pin)->WaitForHooks();
     if (RemoveConnector(key))
         WaitForHooks(*pConnector);
     else // another thread has been faster, and may have destroyed the connector
@@ -196,11 +204,17 @@ bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key)
     return m_mapConnector.erase(key) != 0;
 }
 
-/// No hook of an unregistered connector begins any more. A thread inside a hook does not wait: two of them
-/// might wait for each other.
+/// A thread inside a hook does not wait for hooks: two of them might wait for each other. Nor does one inside
+/// a reactor's call, for which a hook may be waiting.
+bool TarnConnectorMgrImpl::MayWaitForHooks()
+{
+    return t_nHookDepth == 0 && HandlerCall::Current() == nullptr;
+}
+
+/// No hook of an unregistered connector begins any more.
 void TarnConnectorMgrImpl::WaitForHooks(const TarnConnector& connector)
 {
-    if (t_nHookDepth > 0)
+    if (!MayWaitForHooks())
         return;
     std::unique_lock<std::mutex> lock(m_HookMutex);
     while (!m_HookLeft.wait_for(lock, std::chrono::seconds(1), [&] { return connector.m_nHooks == 0; }))
@@ -253,13 +267,14 @@ TarnConnectorImpl* TarnConnectorMgrImpl::GetConnectorImplByID(int iGroupId, std:
             iGroupId, ulTargetID);
         return nullptr;
     }
-    TarnConnector* pConnector = GetConnectorByID(iGroupId, ulTargetID);
-    if (pConnector == nullptr)
+    // All under the registry lock: afterwards the facade may be unregistered and destroyed.
+    const TarnReadGuard guard(m_RegistryLock);
+    const auto it = m_mapConnector.find({iGroupId, ulTargetID});
+    if (it == m_mapConnector.end())
         return nullptr;
-    const ConnectionPin pin(*pConnector, nullptr);
+    const ConnectionPin pin(*it->second, nullptr);
     if (pin)
         UseConnectorImplAndIncRef(pin.Get());
-    ReleaseConnector(pConnector);
     return pin.Get();
 }
 

@@ -8,28 +8,47 @@ HookQueue::HookQueue(std::function<void(HookEvent)> deliver)
 
 void HookQueue::ReserveOpened()
 {
+    Reserve(HookEvent::OPENED);
+}
+
+void HookQueue::ReserveBroken()
+{
+    Reserve(HookEvent::BROKEN);
+}
+
+void HookQueue::Reserve(HookEvent eEvent)
+{
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    m_Entries.push_back({HookEvent::OPENED, false});
+    m_Entries.push_back({eEvent, false});
 }
 
 void HookQueue::PostOpened()
 {
+    Post(HookEvent::OPENED, HookEvent::OPENED);
+}
+
+void HookQueue::PostBroken(HookEvent eEvent)
+{
+    Post(HookEvent::BROKEN, eEvent);
+}
+
+void HookQueue::Post(HookEvent eReserved, HookEvent eEvent)
+{
     std::unique_lock<std::mutex> lock(m_Mutex);
     for (Entry& entry : m_Entries)
     {
-        if (entry.bReady)
+        if (entry.bReady || entry.eEvent != eReserved)
             continue;
-        entry.bReady = true;
+        entry = {eEvent, true};
         break;
     }
     Deliver(lock);
 }
 
-void HookQueue::Post(HookEvent eEvent)
+void HookQueue::WaitUntilDelivered()
 {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    m_Entries.push_back({eEvent, true});
-    Deliver(lock);
+    m_Delivered.wait(lock, [this] { return m_Entries.empty() && !m_bDelivering; });
 }
 
 void HookQueue::Deliver(std::unique_lock<std::mutex>& lock)
@@ -46,6 +65,7 @@ void HookQueue::Deliver(std::unique_lock<std::mutex>& lock)
             if (!lock.owns_lock())
                 lock.lock();
             queue.m_bDelivering = false;
+            queue.m_Delivered.notify_all();
         }
     };
     m_bDelivering = true;

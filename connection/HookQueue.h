@@ -1,6 +1,7 @@
 #ifndef TARN_CONNECTION_HOOKQUEUE_H
 #define TARN_CONNECTION_HOOKQUEUE_H
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -24,13 +25,18 @@ public:
     HookQueue(const HookQueue&) = delete;
     HookQueue& operator=(const HookQueue&) = delete;
 
-    /// Keeps the place of an OPENED that is going to be posted by PostOpened: a break that another thread sees
-    /// first comes after it.
+    /// Keep the place of an event that is going to be posted: what another thread posts first, but reserves
+    /// later, comes after it.
     void ReserveOpened();
-    void PostOpened();
+    void ReserveBroken();
 
-    /// Posts a break.
-    void Post(HookEvent eEvent);
+    /// Post the event reserved longest. @param eEvent  BROKEN or BROKEN_RECONNECT
+    void PostOpened();
+    void PostBroken(HookEvent eEvent);
+
+    /// Waits until nothing is reserved, waiting or being delivered. Not to be called inside a hook, nor by a
+    /// thread that has reserved an event.
+    void WaitUntilDelivered();
 
 private:
     struct Entry
@@ -39,10 +45,13 @@ private:
         bool bReady;
     };
 
+    void Reserve(HookEvent eEvent);
+    void Post(HookEvent eReserved, HookEvent eEvent);
     void Deliver(std::unique_lock<std::mutex>& lock);
 
     const std::function<void(HookEvent)> m_Deliver;
     std::mutex m_Mutex; // a leaf
+    std::condition_variable m_Delivered;
     // Guarded by m_Mutex.
     std::deque<Entry> m_Entries;
     bool m_bDelivering = false;

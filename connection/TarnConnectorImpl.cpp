@@ -143,7 +143,7 @@ int TarnConnectorImpl::BreakFromInput(HandlerCall& call)
 int TarnConnectorImpl::Break(HandlerCall& call, const char* pszDisConnectText)
 {
     call.LeaveBuffers();
-    if (!ClaimBreak(call.Session()))
+    if (ClaimBreak(call.Session(), BreakTold::YES) == BreakClaim::NOT_MINE)
         return BROKEN;
     if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->UnregisterSession(this, call.Session());
@@ -159,7 +159,7 @@ int TarnConnectorImpl::Break(HandlerCall& call, const char* pszDisConnectText)
 
 void TarnConnectorImpl::BreakUnserved(std::uint32_t ulSession)
 {
-    if (!ClaimBreak(ulSession))
+    if (ClaimBreak(ulSession, BreakTold::YES) == BreakClaim::NOT_MINE)
         return;
     CloseSession(ulSession);
     PostBroken(HookEvent::BROKEN_RECONNECT);
@@ -195,7 +195,7 @@ int TarnConnectorImpl::handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask)
     else
     {
         const std::uint32_t ulSession = ServedSession();
-        if (ulSession == 0 || !ClaimBreak(ulSession))
+        if (ClaimBreak(ulSession, BreakTold::YES) == BreakClaim::NOT_MINE)
             return 0;
         if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
             pAsyncIOMgr->UnregisterSession(this, ulSession);

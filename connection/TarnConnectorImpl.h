@@ -28,6 +28,22 @@
 class HandlerCall;
 class TarnConnector;
 
+/// Whether the owner is told of the end of a session.
+enum class BreakTold
+{
+    YES,
+    IF_OPENING_WAS, ///< only if he was, or is going to be, told of its opening
+    NO,
+};
+
+/// Outcome of a claim to end a session.
+enum class BreakClaim
+{
+    NOT_MINE, ///< somebody else has ended it
+    SILENT,
+    TELL, ///< the place among the hooks is reserved
+};
+
 /// One connection to a network element: identity and settings, the descriptor, what is waiting to be sent and
 /// to be framed. Base of the transports, and the handler that the I/O reactor calls.
 ///
@@ -43,7 +59,7 @@ class TarnConnector;
 /// **Openings.** Each time a descriptor is stored a new session begins, with a number of its own. Whoever
 /// found a session broken can only end that one: it may be over already, and the next one healthy.
 ///
-/// Locks, in their order: open/close mutex, send lock, descriptor guard; then the reactor's token, the state
+/// Locks, in their order: open/close mutex, registration mutex or send lock, descriptor guard; then the reactor's token, the state
 /// lock, the parameter lock or the reference lock, each without another of these. The others are leaves.
 class TarnConnectorImpl : public ACE_Event_Handler
 {
@@ -147,6 +163,9 @@ public:
     /// The facade has let go of the connection: it is not opened, served or heard of again.
     void Retire() { m_bRetired = true; }
     bool IsRetired() const { return m_bRetired; }
+    /// Its facade is being unregistered, or not registered again yet: it is not opened.
+    void SetLeaving(bool bLeaving) { m_bLeaving = bLeaving; }
+    bool IsLeaving() const { return m_bLeaving; }
 
     // --- sessions ---
 
@@ -161,16 +180,25 @@ public:
     std::uint32_t ClaimOpened();
     /// Tells the owner that the claimed session has been opened.
     void PostOpened() { m_Hooks.PostOpened(); }
-    /// Claims, for one caller only, to end a session. False: somebody else does.
-    bool ClaimBreak(std::uint32_t ulSession);
-    void PostBroken(HookEvent eEvent) { m_Hooks.Post(eEvent); }
-    /// Closes the connection if the session is still the open one.
+    /// Claims, for one caller only, to end a session. Whoever is to tell must call PostBroken when it is over.
+    BreakClaim ClaimBreak(std::uint32_t ulSession, BreakTold eTold);
+    void PostBroken(HookEvent eEvent) { m_Hooks.PostBroken(eEvent); }
+    /// Waits until everything that has been posted has been told.
+    void WaitForHooks() { m_Hooks.WaitUntilDelivered(); }
+    /// Closes the connection if the session is still the open one. 0: if none is, so that a state which says
+    /// otherwise is put right.
     void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
     /// Ends a session that was opened but cannot be served: closed, announced, and queued for reconnection.
     void BreakUnserved(std::uint32_t ulSession);
 
     // --- for the I/O manager ---
 
+    /// Held for the whole of registering and of unregistering: one that overtook the other half-way would leave
+    /// the reactor with a handler that the registry does not know. Taken before the descriptor guard.
+    TarnThreadMutex& RegistrationMutex() TARN_RETURN_CAPABILITY(m_RegistrationMutex)
+    {
+        return m_RegistrationMutex;
+    }
     DescriptorGuard& Descriptor() TARN_RETURN_CAPABILITY(m_DescriptorGuard) { return m_DescriptorGuard; }
     /// Notes that the open session is being served, or that none is. Within the descriptor guard.
     void SetServed(bool bServed);
@@ -224,7 +252,7 @@ private:
     std::uint32_t m_ulTargetID TARN_GUARDED_BY(m_ParameterLock) = 0;
     int m_iControlFlag TARN_GUARDED_BY(m_ParameterLock) = 7;
     ACE_HANDLE
-        m_Handle TARN_GUARDED_BY(m_ParameterLock) = ACE_INVALID_HANDLE; // changed within the guard only
+    m_Handle TARN_GUARDED_BY(m_ParameterLock) = ACE_INVALID_HANDLE; // changed within the guard only
     ECommuProtocolType m_eProtocolType TARN_GUARDED_BY(m_ParameterLock) = TCP_TYPE;
     std::atomic<std::uint32_t> m_ulAdapterProtocolID{0};
 
@@ -242,6 +270,7 @@ private:
     // Has a lock of its own.
     std::unique_ptr<ACE_Message_Queue<ACE_MT_SYNCH>> m_pOutQueue;
 
+    TarnThreadMutex m_RegistrationMutex;
     TarnThreadMutex m_SendLock;
     bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;
 
@@ -250,6 +279,7 @@ private:
     std::vector<ACE_thread_t> m_RefThreads TARN_GUARDED_BY(m_ReferenceLock);
     std::atomic<int> m_nAbandoned{0};
     std::atomic<bool> m_bRetired{false};
+    std::atomic<bool> m_bLeaving{false};
 
     // Guarded by m_PinMutex, a leaf.
     std::mutex m_PinMutex;

@@ -196,5 +196,7 @@ void TarnConnectorMgrImpl::CloseRetired(TarnConnectorImpl* pConnector)
     if (pConnector->IsServed())
         if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
             pAsyncIOMgr->UnregisterHandle(pConnector);
-    pConnector->CloseSession(pConnector->OpenSession());
+    const std::uint32_t ulSession = pConnector->OpenSession();
+    if (ulSession != 0)
+        pConnector->CloseSession(ulSession);
 }

@@ -111,6 +111,7 @@ private:
     bool RemoveConnector(const ConnectionKey& key) TARN_EXCLUDES(m_RegistryLock);
     static void AcquireUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static void ReleaseUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
+    static bool MayWaitForHooks();
     void WaitForHooks(const TarnConnector& connector);
     bool CallHook(const ConnectionKey& key, int* pResult, const TarnConnectorImpl* pOnly,
                   const char* pszOperation, int (TarnConnector::*pfnHook)());

@@ -67,7 +67,11 @@ int TarnTCPConnectorImpl::Connect()
 {
     const TarnGuard guard(m_OpenMutex);
     if (GetHandle() != ACE_INVALID_HANDLE)
-        return 0; // somebody else has opened it while this attempt waited for its turn
+    {
+        // Somebody else has opened it while this attempt waited for its turn.
+        SetState(STATE_CONNECTED);
+        return 0;
+    }
     TarnAdapterFrmtTrace(1, "Before Connect,GRPID=%d,TargetID = 0x%x\n", GetGroupID(), GetTargetID());
     if (Open() == -1)
     {

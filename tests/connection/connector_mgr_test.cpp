@@ -1,0 +1,460 @@
+#include "asyncio/TEAsyncIOMgrImpl.h"
+#include "connection/TarnConnectorImpl.h"
+#include "connection/TarnConnectorMgrImpl.h"
+#include "support/ConnectionTest.h"
+#include "support/Threads.h"
+
+#include <future>
+#include <map>
+#include <mutex>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using Mgr = TarnConnectorMgrImpl;
+
+class ConnectorMgr : public ConnectionTest
+{
+protected:
+    static Mgr& Impl() { return *Mgr::Existing(); }
+
+    /// Waits until the connector has been opened so often, and is.
+    static bool WaitOpened(TestConnector& connector, int nOpened)
+    {
+        return WaitUntil(
+            [&] { return connector.nOpened >= nOpened && connector.GetConnState() == STATE_CONNECTED; });
+    }
+
+    /// Sends a request and waits for its answer, which must come over the same connection.
+    bool Asks(TestConnector& connector, std::uint32_t ulSerial)
+    {
+        const std::string strPayload = "from " + std::to_string(connector.GetTargetID());
+        auto answered = std::make_shared<std::promise<bool>>();
+        {
+            const std::lock_guard<std::mutex> guard(m_Mutex);
+            m_Waiting[ulSerial] = {answered, strPayload, connector.Handle()};
+        }
+        return connector.Send(ulSerial, strPayload) == 0 &&
+               answered->get_future().wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+    }
+
+    void StartAsking()
+    {
+        Start();
+        pAdapter->onAnswer = [this](FrameMessage& message) {
+            const std::lock_guard<std::mutex> guard(m_Mutex);
+            const auto it = m_Waiting.find(message.ulSerial);
+            ASSERT_NE(it, m_Waiting.end());
+            EXPECT_EQ(message.strPayload, it->second.strPayload);
+            EXPECT_EQ(message.handle, it->second.handle);
+            it->second.pAnswered->set_value(true);
+            m_Waiting.erase(it);
+        };
+    }
+
+private:
+    struct Waiting
+    {
+        std::shared_ptr<std::promise<bool>> pAnswered;
+        std::string strPayload;
+        ACE_HANDLE handle = ACE_INVALID_HANDLE;
+    };
+    std::mutex m_Mutex;
+    std::map<std::uint32_t, Waiting> m_Waiting; // guarded by m_Mutex
+};
+
+TEST_F(ConnectorMgr, ARegisteredConnectorIsOpenedServedAndClosed)
+{
+    StartAsking();
+    const auto pConnector = MakeConnector(5);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    EXPECT_EQ(pConnector->Impl()->GetRefCount(), 2);
+    EXPECT_TRUE(Asks(*pConnector, 1));
+    TarnConnector* pFound = Manager().GetConnectorByHandle(pConnector->Handle());
+    EXPECT_EQ(pFound, pConnector.get());
+    Manager().ReleaseConnector(pFound);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nBroken, 1);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_EQ(pConnector->Handle(), ACE_INVALID_HANDLE);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsUnused(); }));
+    EXPECT_TRUE(WaitUntil([&] { return element.Open() == 0; }));
+    EXPECT_EQ(Manager().GetConnectorByID(TestConnector::GROUP, 5), nullptr);
+}
+
+TEST_F(ConnectorMgr, KeysAreCheckedAndTakenOnce)
+{
+    Start();
+    EXPECT_EQ(Manager().RegisterConnector(nullptr, false, 0), -1);
+    EXPECT_EQ(host.Count(1, "TarnConnectorMgrImpl::RegisterConnector error, input para pConnector=null\n"),
+              1);
+    TarnConnector without;
+    EXPECT_EQ(Manager().RegisterConnector(&without, false, 0), -1);
+    EXPECT_EQ(host.Count(1, "TarnConnectorMgrImpl::RegisterConnector error, pConnectorImpl= null\n"), 1);
+    TestConnector negative(7, element.Port());
+    negative.SetGroupID(-1);
+    EXPECT_EQ(Manager().RegisterConnector(&negative, false, 0), -1);
+    EXPECT_EQ(host.Count(1, "RegistConnectorImpl error, iGroupId = -1,iTargetID = 0x7 \n"), 1);
+    EXPECT_EQ(Manager().UnRegisterConnector(-1, 7), -1);
+    EXPECT_EQ(Manager().GetConnectorByID(-1, 7), nullptr);
+    EXPECT_EQ(Manager().RequestConnect(1, 99), -1);
+    EXPECT_EQ(Manager().RequestDisConnect(1, 99), -1);
+    EXPECT_EQ(Manager().UnRegisterConnector(1, 99), -1);
+    EXPECT_EQ(Manager().ReleaseConnector(nullptr), 0);
+    EXPECT_EQ(Manager().Connect(nullptr), -1);
+    EXPECT_EQ(Manager().DisConnect(nullptr), -1);
+
+    const auto pFirst = MakeConnector(8);
+    const auto pSecond = MakeConnector(8);
+    ASSERT_EQ(pFirst->Register(), 0);
+    EXPECT_EQ(pSecond->Register(), -1);
+    EXPECT_EQ(host.Count(1, "RegistConnectorImpl failed , regist again!, groupId = 1, targetId = 0x8 \n"), 1);
+    ASSERT_TRUE(WaitOpened(*pFirst, 1));
+    EXPECT_EQ(pSecond->nOpened, 0);
+    EXPECT_EQ(pFirst->UnRegister(), 0);
+    EXPECT_EQ(pFirst->UnRegister(), -1);
+}
+
+TEST_F(ConnectorMgr, WaitingRegistrationTriesOnTheCallersThread)
+{
+    Start();
+    element.StopListening();
+    const auto pConnector = MakeConnector(1);
+    auto late = std::async(std::launch::async, [&] {
+        EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "After Connect, connect fail") > 0; }));
+        element.StartListening();
+    });
+    EXPECT_EQ(pConnector->Register(true, 3), 0);
+    EXPECT_EQ(pConnector->nOpened, 1);
+    EXPECT_EQ(host.Count(1, "... Wait for connecting the Target 0x1 ... ...\n"), 2);
+    EXPECT_EQ(pConnector->Impl()->GetConnTimeOut(), 30);
+    EXPECT_EQ(pConnector->Impl()->GetRefCount(), 2);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, WithoutReconnectingAFailedRegistrationLeavesNothingQueued)
+{
+    host.SetCfg("bNoNeReconnect", "1");
+    Start();
+    element.StopListening();
+    const auto pConnector = MakeConnector(1);
+    EXPECT_EQ(pConnector->Register(true, 1), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_EQ(host.Count(1, "Wait for connecting the Target (GRPID:1,TARGETID:0x1) 1 times, but failed.\n"),
+              1);
+    EXPECT_EQ(Impl().EnqueueReadyConnQueue(pConnector->Impl(), true), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    // A first request is queued all the same, and given up after its first failure.
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "After Connect, connect fail") == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->GetConnState() == STATE_DISCONNECTED; }));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, AttemptsAreRepeatedUntilTheElementListens)
+{
+    Start();
+    element.StopListening();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTING);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0); // queued already
+    EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "After Connect, connect fail") >= 3; }));
+    element.StartListening();
+    EXPECT_TRUE(WaitOpened(*pConnector, 1));
+    EXPECT_EQ(pConnector->Impl()->GetConnectCount(), 0);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0); // open already
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nOpened, 1);
+}
+
+TEST_F(ConnectorMgr, TheManagerGivesUpAfterTheGivenNumberOfFailures)
+{
+    Start();
+    element.StopListening();
+    const auto pConnector = MakeConnector(1);
+    pConnector->SetMaxConnectCount(2);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return pConnector->GetConnState() == STATE_DISCONNECTED; }));
+    EXPECT_EQ(host.CountContaining(1, "After Connect, connect fail"), 2);
+    EXPECT_EQ(pConnector->Impl()->GetConnectCount(), 2);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsUnused(); }));
+    ASSERT_EQ(Manager().RequestConnect(1, 1), 0); // one more failure is one too many
+    ASSERT_TRUE(WaitUntil([&] { return pConnector->GetConnState() == STATE_DISCONNECTED; }));
+    EXPECT_EQ(host.CountContaining(1, "After Connect, connect fail"), 3);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, ABrokenConnectionIsReopenedAndAsked)
+{
+    StartAsking();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    for (int i = 1; i <= 6; ++i)
+    {
+        ASSERT_TRUE(WaitOpened(*pConnector, i)) << i;
+        EXPECT_TRUE(Asks(*pConnector, static_cast<std::uint32_t>(i)));
+        element.DropAll(i % 2 == 0);
+        ASSERT_TRUE(WaitUntil([&] { return pConnector->nBroken == i; })) << i;
+    }
+    ASSERT_TRUE(WaitOpened(*pConnector, 7));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nDisorder, 0);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsUnused(); }));
+}
+
+TEST_F(ConnectorMgr, AnElementThatFlapsDisturbsNobody)
+{
+    StartAsking();
+    Element flapping;
+    Element::Behaviour behaviour;
+    behaviour.iDropAfterMs = 50;
+    flapping.Behave(behaviour);
+    const auto pSteady = MakeConnector(1);
+    TestConnector restless(2, flapping.Port());
+    ASSERT_EQ(pSteady->Register(), 0);
+    ASSERT_EQ(restless.Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pSteady, 1));
+    for (std::uint32_t u = 1; restless.nBroken < 10; ++u)
+        ASSERT_TRUE(Asks(*pSteady, u));
+    EXPECT_EQ(pSteady->nBroken, 0);
+    EXPECT_EQ(restless.UnRegister(), 0);
+    EXPECT_EQ(restless.nDisorder, 0);
+    EXPECT_EQ(pSteady->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, RequestsEndAndRenewTheAttempts)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+    EXPECT_EQ(pConnector->nBroken, 1);
+    EXPECT_TRUE(pConnector->IsControlParaTrue(EXIT_CONNECT));
+    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+    EXPECT_EQ(pConnector->nBroken, 1);
+    EXPECT_EQ(Impl().EnqueueReadyConnQueue(pConnector->Impl(), false), -1);
+    EXPECT_EQ(Impl().CancelRequestConnect(pConnector->Impl()), 1);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 2));
+    // Cancelled between or during attempts.
+    element.StopListening();
+    element.DropAll(false);
+    ASSERT_TRUE(WaitUntil([&] { return pConnector->nBroken == 2; }));
+    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsUnused(); }));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, AnAttemptUnderWayIsWaitedFor)
+{
+    Start();
+    HangingListener hanging;
+    TestConnector connector(1, hanging.Port());
+    connector.SetConnTimeOut(1);
+    ASSERT_EQ(connector.Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "Before Connect") > 0; }));
+    EXPECT_EQ(connector.UnRegister(), 0);
+    EXPECT_EQ(connector.GetConnState(), STATE_DISCONNECTED);
+    EXPECT_EQ(host.CountContaining(1, "connect fail, Group = 1 ,TARGETID = 0x1, errno=62\n"), 1);
+    EXPECT_TRUE(WaitUntil([&] { return connector.Impl()->IsUnused(); }));
+}
+
+TEST_F(ConnectorMgr, StoppedConnectThreadsForgetTheQueueAndResumedOnesGoOn)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    element.StopListening();
+    element.DropAll(true);
+    ASSERT_TRUE(WaitUntil([&] { return pConnector->GetConnState() == STATE_CONNECTING; }));
+    EXPECT_EQ(Manager().StopConnectThreads(), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    element.StartListening();
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTING);
+    EXPECT_EQ(Manager().ResumeConnectThreads(), 0);
+    EXPECT_TRUE(WaitOpened(*pConnector, 2));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, HooksMayCallAnything)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    std::atomic<int> nUnregistered{-2};
+    pConnector->onOpened = [&] {
+        EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+        EXPECT_EQ(pConnector->Send(9, "early"), 0);
+        EXPECT_EQ(Manager().StopConnectThreads(), -1); // it would wait for itself
+        if (pConnector->nOpened == 1)
+        {
+            EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+            EXPECT_EQ(pConnector->nBroken, 0); // told after this hook, not inside it
+            EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+        }
+        else if (pConnector->nOpened == 3)
+            nUnregistered = pConnector->UnRegister();
+    };
+    pConnector->onBroken = [&] { EXPECT_EQ(Manager().RequestConnect(1, 1), 0); };
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 2));
+    element.DropAll(false);
+    ASSERT_TRUE(WaitUntil([&] { return nUnregistered == 0; }));
+    EXPECT_EQ(pConnector->nDisorder, 0);
+    EXPECT_EQ(pConnector->UnRegister(), -1);
+}
+
+TEST_F(ConnectorMgr, AHookThatThrowsIsLogged)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    pConnector->onOpened = [] { throw std::runtime_error("opened"); };
+    pConnector->onBroken = [] { throw 1; };
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "exception: opened") == 1; }));
+    element.DropAll(false);
+    EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "OnConnectOK of TestConnector") >= 2; }));
+    EXPECT_GE(host.CountContaining(1, "OnSockBreak of TestConnector, exception: not a std::exception"), 1);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, UnregisteringWaitsForAHookOnAnotherThread)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    std::promise<void> inside;
+    std::promise<void> goOn;
+    pConnector->onOpened = [&] {
+        inside.set_value();
+        goOn.get_future().wait();
+    };
+    ASSERT_EQ(pConnector->Register(), 0);
+    inside.get_future().wait();
+    auto unregistered = std::async(std::launch::async, [&] { return pConnector->UnRegister(); });
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(3, "waiting for a hook to return") > 0; }));
+    EXPECT_EQ(unregistered.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    goOn.set_value();
+    EXPECT_EQ(unregistered.get(), 0);
+}
+
+TEST_F(ConnectorMgr, ARetiredConnectionNeitherCallsHooksNorComesBack)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    const ACE_HANDLE handle = pConnector->Handle();
+    // In use and open when its type is chosen anew.
+    ASSERT_EQ(pConnector->InitCommuProtocolType(TCP_TYPE), 0);
+    element.DropAll(false);
+    Impl().SweepRubbish();
+    EXPECT_TRUE(WaitUntil([&] { return element.Open() == 0; }));
+    EXPECT_TRUE(
+        WaitUntil([&] { return TEAsyncIOMgrImpl::Existing()->FindConnectorImpl(handle) == nullptr; }));
+    EXPECT_EQ(pConnector->nBroken, 0);
+    EXPECT_EQ(element.Accepted(), 1);
+    // The new transport is another connection.
+    pConnector->SetGroupID(TestConnector::GROUP);
+    pConnector->SetTargetID(1);
+    pConnector->SetAdapterProtocolID(TestConnector::PROTOCOL);
+    pConnector->Reach(element.Port());
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->nOpened == 2; }));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    Impl().SweepRubbish();
+}
+
+TEST_F(ConnectorMgr, ACallersOwnConnectionIsServedAndLeftToHim)
+{
+    StartAsking();
+    const auto pConnector = MakeConnector(1);
+    pConnector->SetControlFlag(6);
+    EXPECT_EQ(Manager().Connect(pConnector.get()), 0);
+    ASSERT_EQ(pConnector->Register(), 0);
+    EXPECT_EQ(pConnector->nOpened, 0);
+    EXPECT_TRUE(Asks(*pConnector, 1));
+    element.DropAll(false);
+    ASSERT_TRUE(WaitUntil([&] { return pConnector->nBroken == 1; }));
+    EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTED); // he closes it
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(Manager().DisConnect(pConnector.get()), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), -1);
+}
+
+TEST_F(ConnectorMgr, AHandleThatIsTooHighIsClosedAnnouncedAndRetried)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    Start();
+    std::vector<int> taken;
+    for (int i = 0; i < 1100; ++i)
+        taken.push_back(dup(STDERR_FILENO));
+    ASSERT_GT(taken.back(), 1024);
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->nOpened >= 3; }));
+    EXPECT_GE(host.CountContaining(1, "is too high, the reactor serves handles below 1024\n"), 2);
+    for (const int iFd : taken)
+        close(iFd);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Handle() >= 0 && pConnector->Handle() < 1024; }));
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsServed(); }));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nDisorder, 0);
+    limit.rlim_cur = before;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_F(ConnectorMgr, NothingIsReopenedWhileTheApplicationExits)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    host.SetAppExit(true);
+    element.DropAll(false);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->nBroken == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsUnused(); }));
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, FiniWithLiveFacadesLeavesTheirDescriptorsToThem)
+{
+    const std::set<int> threads = Threads();
+    StartAsking();
+    const auto pOpen = MakeConnector(1);
+    HangingListener hanging;
+    TestConnector queued(2, hanging.Port());
+    queued.SetConnTimeOut(1);
+    ASSERT_EQ(pOpen->Register(), 0);
+    ASSERT_EQ(queued.Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pOpen, 1));
+    tarnadapter::Fini();
+    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; })); // the kernel lists them a little longer
+    EXPECT_EQ(element.Open(), 1);
+    EXPECT_EQ(pOpen->Impl()->GetRefCount(), 2);
+    EXPECT_EQ(host.CountContaining(1, "While ~TarnConnectorMgrImpl ,target is not Unregisted! groupid = 1"),
+              2);
+    EXPECT_EQ(pOpen->DisConnect(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return element.Open() == 0; }));
+    // The library may be started anew, and the facade be used again.
+    Start();
+    ASSERT_EQ(pOpen->Register(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return pOpen->nOpened == 2; }));
+    EXPECT_EQ(pOpen->UnRegister(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return pOpen->Impl()->IsUnused(); }));
+}
+
+} // namespace
