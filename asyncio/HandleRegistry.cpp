@@ -187,23 +187,20 @@ int TEAsyncIOMgrImpl::UnregisterHandle(TarnConnectorImpl* pConnector)
         return -1;
     }
     const TarnGuard guard(pConnector->RegistrationMutex());
-    const DescriptorGuard::Use use(pConnector->Descriptor());
-    Unregister(*pConnector, nullptr);
+    UnregisterLocked(*pConnector);
     return 0;
 }
 
 void TEAsyncIOMgrImpl::UnregisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession)
 {
     const TarnGuard guard(pConnector->RegistrationMutex());
-    const DescriptorGuard::Use use(pConnector->Descriptor());
-    Unregister(*pConnector, &ulSession);
+    if (pConnector->IsSession(ulSession))
+        UnregisterLocked(*pConnector);
 }
 
-/// With the connection's descriptor guard held (read).
-void TEAsyncIOMgrImpl::Unregister(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
+void TEAsyncIOMgrImpl::UnregisterLocked(TarnConnectorImpl& connector)
 {
-    if (pOnlySession != nullptr && !connector.IsSession(*pOnlySession))
-        return;
+    const DescriptorGuard::Use use(connector.Descriptor());
     const ACE_HANDLE handle = connector.GetHandle();
     connector.SetServed(false);
     const bool bOurs = EraseConnection(handle, connector);

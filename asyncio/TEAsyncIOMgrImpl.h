@@ -69,6 +69,8 @@ public:
     int UnregisterHandle(TarnConnectorImpl* pConnector);
     /// The same, only if the session is still the connection's.
     void UnregisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession);
+    /// The same for a caller that holds the connection's registration mutex.
+    void UnregisterLocked(TarnConnectorImpl& connector);
     /// The connection registered under a handle with one reference taken, or null.
     TarnConnectorImpl* FindConnectorImpl(ACE_HANDLE handle) TARN_EXCLUDES(m_RegistryLock);
 
@@ -118,7 +120,6 @@ private:
     int InsertConnection(ACE_HANDLE handle, TarnConnectorImpl& connector) TARN_EXCLUDES(m_RegistryLock);
     int RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& connector);
     int TakeBackRegistration(ACE_HANDLE handle, int iResult) TARN_EXCLUDES(m_RegistryLock);
-    void Unregister(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession);
     bool EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& connector) TARN_EXCLUDES(m_RegistryLock);
     void RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& connector);
 

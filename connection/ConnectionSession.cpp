@@ -16,6 +16,8 @@ bool IsLater(std::uint32_t ulSession, std::uint32_t ulOther)
 
 void TarnConnectorImpl::set_handle(ACE_HANDLE handle)
 {
+    const TarnGuard guard(m_RegistrationMutex);
+    TakeBackRegistration();
     const DescriptorGuard::Change change(m_DescriptorGuard);
     StoreHandle(handle);
 }
@@ -42,10 +44,8 @@ ACE_HANDLE TarnConnectorImpl::UsableHandle()
 
 int TarnConnectorImpl::CloseDescriptor(const std::function<int()>& close)
 {
-    // A registration that is left behind would read the next owner of the number.
-    if (IsServed())
-        if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
-            pAsyncIOMgr->UnregisterHandle(this);
+    const TarnGuard guard(m_RegistrationMutex);
+    TakeBackRegistration();
     const DescriptorGuard::Change change(m_DescriptorGuard);
     const int iResult = close();
     if (iResult != 0)
@@ -54,6 +54,15 @@ int TarnConnectorImpl::CloseDescriptor(const std::function<int()>& close)
     ClaimBreak(m_ulSession, BreakTold::NO);
     StoreHandle(ACE_INVALID_HANDLE);
     return 0;
+}
+
+/// A registration that is left behind would read the next owner of the number.
+void TarnConnectorImpl::TakeBackRegistration()
+{
+    if (!IsServed())
+        return;
+    if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+        pAsyncIOMgr->UnregisterLocked(*this);
 }
 
 std::uint32_t TarnConnectorImpl::OpenSession()
@@ -66,7 +75,10 @@ std::uint32_t TarnConnectorImpl::ServedSession()
 {
     const DescriptorGuard::Use use(m_DescriptorGuard);
     const std::uint32_t ulSession = m_ulSession;
-    return GetHandle() != ACE_INVALID_HANDLE && m_ulServed == ulSession ? ulSession : 0;
+    if (GetHandle() == ACE_INVALID_HANDLE || m_ulServed != ulSession)
+        return 0;
+    const std::lock_guard<std::mutex> guard(m_ClaimMutex);
+    return IsLater(ulSession, m_ulBreakClaimed) ? ulSession : 0;
 }
 
 void TarnConnectorImpl::SetServed(bool bServed)

@@ -16,6 +16,27 @@ namespace {
 // Hooks that the calling thread is inside of.
 thread_local int t_nHookDepth = 0;
 
+constexpr auto HOOK_POLL = std::chrono::seconds(1);
+
+/// Guards the counts of hooks under way in all facades: a facade that is destroyed waits for its own, when there
+/// may be no manager any more. A leaf. Never destroyed.
+struct HookCounting
+{
+    std::mutex mutex;
+    std::condition_variable left;
+};
+
+HookCounting& Hooks()
+{
+    static auto& counting = *new HookCounting;
+    return counting;
+}
+
+void LogHookWait()
+{
+    TarnAdapterFrmtTrace(3, "TarnConnectorMgrImpl::UnRegisterConnector, waiting for a hook to return\n");
+}
+
 class HookDepth
 {
 public:
@@ -50,7 +71,6 @@ class TarnConnectorMgrImpl::HookUse
 {
 public:
     HookUse(TarnConnectorMgrImpl& manager, const ConnectionKey& key, const TarnConnectorImpl* pOnly)
-        : m_Manager(manager)
     {
         const TarnReadGuard guard(manager.m_RegistryLock);
         const auto it = manager.m_mapConnector.find(key);
@@ -59,7 +79,7 @@ public:
             return;
         m_pConnector = it->second;
         AcquireUse(*m_pConnector);
-        const std::lock_guard<std::mutex> hookGuard(manager.m_HookMutex);
+        const std::lock_guard<std::mutex> hookGuard(Hooks().mutex);
         ++m_pConnector->m_nHooks;
     }
     ~HookUse()
@@ -67,9 +87,9 @@ public:
         if (m_pConnector == nullptr)
             return;
         ReleaseUse(*m_pConnector);
-        const std::lock_guard<std::mutex> hookGuard(m_Manager.m_HookMutex);
-        --m_pConnector->m_nHooks; // from here on the connector may be gone
-        m_Manager.m_HookLeft.notify_all();
+        const std::lock_guard<std::mutex> hookGuard(Hooks().mutex);
+        --m_pConnector->m_nHooks; // once the lock is released the connector may be gone
+        Hooks().left.notify_all();
     }
     HookUse(const HookUse&) = delete;
     HookUse& operator=(const HookUse&) = delete;
@@ -77,7 +97,6 @@ public:
     TarnConnector* Get() const { return m_pConnector; }
 
 private:
-    TarnConnectorMgrImpl& m_Manager;
     TarnConnector* m_pConnector = nullptr;
 };
 
@@ -187,8 +206,8 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->UnregisterHandle(pin->Get());
     // What has happened is told as long as the connector can be found.
-    if (MayWaitForHooks())
-        (*pin)->WaitForHooks();
+    while (MayWaitForHooks() && !(*pin)->WaitForHooks(HOOK_POLL))
+        LogHookWait();
     if (RemoveConnector(key))
         WaitForHooks(*pConnector);
     else // another thread has been faster, and may have destroyed the connector
@@ -211,14 +230,13 @@ bool TarnConnectorMgrImpl::MayWaitForHooks()
     return t_nHookDepth == 0 && HandlerCall::Current() == nullptr;
 }
 
-/// No hook of an unregistered connector begins any more.
 void TarnConnectorMgrImpl::WaitForHooks(const TarnConnector& connector)
 {
     if (!MayWaitForHooks())
         return;
-    std::unique_lock<std::mutex> lock(m_HookMutex);
-    while (!m_HookLeft.wait_for(lock, std::chrono::seconds(1), [&] { return connector.m_nHooks == 0; }))
-        TarnAdapterFrmtTrace(3, "TarnConnectorMgrImpl::UnRegisterConnector, waiting for a hook to return\n");
+    std::unique_lock<std::mutex> lock(Hooks().mutex);
+    while (!Hooks().left.wait_for(lock, HOOK_POLL, [&] { return connector.m_nHooks == 0; }))
+        LogHookWait();
 }
 
 TarnConnector* TarnConnectorMgrImpl::GetConnectorByID(int iGroupId, unsigned long ulTargetID)

@@ -45,10 +45,10 @@ void HookQueue::Post(HookEvent eReserved, HookEvent eEvent)
     Deliver(lock);
 }
 
-void HookQueue::WaitUntilDelivered()
+bool HookQueue::WaitUntilDelivered(std::chrono::milliseconds timeout)
 {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    m_Delivered.wait(lock, [this] { return m_Entries.empty() && !m_bDelivering; });
+    return m_Delivered.wait_for(lock, timeout, [this] { return m_Entries.empty() && !m_bDelivering; });
 }
 
 void HookQueue::Deliver(std::unique_lock<std::mutex>& lock)

@@ -1,6 +1,7 @@
 #ifndef TARN_CONNECTION_HOOKQUEUE_H
 #define TARN_CONNECTION_HOOKQUEUE_H
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -35,8 +36,8 @@ public:
     void PostBroken(HookEvent eEvent);
 
     /// Waits until nothing is reserved, waiting or being delivered. Not to be called inside a hook, nor by a
-    /// thread that has reserved an event.
-    void WaitUntilDelivered();
+    /// thread that has reserved an event. @return false when the time was over first
+    bool WaitUntilDelivered(std::chrono::milliseconds timeout);
 
 private:
     struct Entry

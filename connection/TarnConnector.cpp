@@ -15,6 +15,8 @@ TarnConnector::TarnConnector(ECommuProtocolType eType)
 
 TarnConnector::~TarnConnector()
 {
+    // Unregistered inside a hook, it did not wait for that hook to return.
+    TarnConnectorMgrImpl::WaitForHooks(*this);
     TarnConnectorMgrImpl::RetireConnection(ReplaceTransport(nullptr));
 }
 
@@ -69,10 +71,6 @@ int TarnConnector::SetHandle(void* pHandle)
     const ConnectionPin pImpl(*this, nullptr);
     if (!pImpl)
         return -1;
-    // What is served under the old handle must not be left in the reactor under nobody's name.
-    if (pImpl->IsServed())
-        if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
-            pAsyncIOMgr->UnregisterHandle(pImpl.Get());
     const auto handle = static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(pHandle));
     pImpl->set_handle(pImpl->GetState() == STATE_DISCONNECTED ? ACE_INVALID_HANDLE : handle);
     return 0;

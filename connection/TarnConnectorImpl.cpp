@@ -144,7 +144,7 @@ int TarnConnectorImpl::Break(HandlerCall& call, const char* pszDisConnectText)
 {
     call.LeaveBuffers();
     if (ClaimBreak(call.Session(), BreakTold::YES) == BreakClaim::NOT_MINE)
-        return BROKEN;
+        return 0; // whoever ends it unregisters it
     if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->UnregisterSession(this, call.Session());
     if (IsControlParaTrue(AUTO_CONNECT))
@@ -183,8 +183,8 @@ int TarnConnectorImpl::handle_timeout(const ACE_Time_Value& /*currentTime*/, con
     return 0;
 }
 
-/// The reactor calls it with its token held. With another mask than UnregisterHandle's only when somebody has
-/// gone past that: a handler call that fails has unregistered the connection by itself.
+/// The reactor calls it with its token held, which allows nothing but a line in the log. It does so only for
+/// UnregisterHandle: a handler call that fails has unregistered the connection before it returns.
 int TarnConnectorImpl::handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask)
 {
     const Reference reference(*this);

@@ -73,8 +73,10 @@ public:
 
     // --- ACE_Event_Handler ---
 
-    /// Stores the handle; a valid one begins a session. Must not be called with the descriptor guard held.
-    void set_handle(ACE_HANDLE handle) override TARN_EXCLUDES(m_DescriptorGuard, m_ParameterLock);
+    /// Stores the handle; a valid one begins a session. What is served under the old one is taken out of the
+    /// reactor first. Must not be called with the descriptor guard held.
+    void set_handle(ACE_HANDLE handle) override
+        TARN_EXCLUDES(m_RegistrationMutex, m_DescriptorGuard, m_ParameterLock);
     /// @return 1 call again at once, 0 done for now, -2048 the connection is broken and unregistered
     int handle_input(ACE_HANDLE handle) override;
     int handle_output(ACE_HANDLE handle) override;
@@ -171,7 +173,7 @@ public:
 
     /// The session whose descriptor is open; 0 when none is.
     std::uint32_t OpenSession() TARN_EXCLUDES(m_DescriptorGuard);
-    /// The session that the I/O manager serves, if it is open; else 0.
+    /// The session that the I/O manager serves, if it is open and nobody is ending it; else 0.
     std::uint32_t ServedSession() TARN_EXCLUDES(m_DescriptorGuard);
     /// True when this is the last session, open or not. Within the descriptor guard.
     bool IsSession(std::uint32_t ulSession) const { return m_ulSession == ulSession; }
@@ -183,8 +185,8 @@ public:
     /// Claims, for one caller only, to end a session. Whoever is to tell must call PostBroken when it is over.
     BreakClaim ClaimBreak(std::uint32_t ulSession, BreakTold eTold);
     void PostBroken(HookEvent eEvent) { m_Hooks.PostBroken(eEvent); }
-    /// Waits until everything that has been posted has been told.
-    void WaitForHooks() { m_Hooks.WaitUntilDelivered(); }
+    /// Waits until everything that has been posted has been told. @return false when the time was over first
+    bool WaitForHooks(std::chrono::milliseconds timeout) { return m_Hooks.WaitUntilDelivered(timeout); }
     /// Closes the connection if the session is still the open one. 0: if none is, so that a state which says
     /// otherwise is put right.
     void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
@@ -193,8 +195,9 @@ public:
 
     // --- for the I/O manager ---
 
-    /// Held for the whole of registering and of unregistering: one that overtook the other half-way would leave
-    /// the reactor with a handler that the registry does not know. Taken before the descriptor guard.
+    /// Held for the whole of registering, of unregistering, and of closing or storing the descriptor: one that
+    /// overtook the other half-way would leave the reactor with a handler that the registry does not know, or
+    /// with a number that belongs to somebody else.
     TarnThreadMutex& RegistrationMutex() TARN_RETURN_CAPABILITY(m_RegistrationMutex)
     {
         return m_RegistrationMutex;
@@ -212,8 +215,8 @@ protected:
     void StoreHandle(ACE_HANDLE handle) TARN_REQUIRES(m_DescriptorGuard) TARN_EXCLUDES(m_ParameterLock);
     /// Closes the descriptor by `close` and forgets the handle when that returns 0, in one step; a leftover
     /// registration is taken back before. @return close's result
-    int CloseDescriptor(const std::function<int()>& close) TARN_EXCLUDES(m_DescriptorGuard)
-        TARN_REQUIRES(m_OpenMutex);
+    int CloseDescriptor(const std::function<int()>& close)
+        TARN_EXCLUDES(m_RegistrationMutex, m_DescriptorGuard) TARN_REQUIRES(m_OpenMutex);
     /// The handle for one non-blocking call; invalid when the calling thread's handler call belongs to an
     /// earlier session. Within the descriptor guard.
     ACE_HANDLE UsableHandle();
@@ -221,6 +224,7 @@ protected:
     // Held by attempts to connect for as long as they take, and by closings. Recursive: a closing that has
     // looked at the session first closes inside.
     TarnRecursiveThreadMutex m_OpenMutex;
+    TarnThreadMutex m_RegistrationMutex;
     DescriptorGuard m_DescriptorGuard;
     TarnRWThreadMutex m_ParameterLock;
 
@@ -240,6 +244,7 @@ private:
     bool TakeNextBlock();
     void DiscardOutput();
     void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
+    void TakeBackRegistration() TARN_REQUIRES(m_RegistrationMutex);
     void DeliverHook(HookEvent eEvent);
 
     TarnRWThreadMutex m_StateLock;
@@ -270,7 +275,6 @@ private:
     // Has a lock of its own.
     std::unique_ptr<ACE_Message_Queue<ACE_MT_SYNCH>> m_pOutQueue;
 
-    TarnThreadMutex m_RegistrationMutex;
     TarnThreadMutex m_SendLock;
     bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;
 

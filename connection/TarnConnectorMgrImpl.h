@@ -64,6 +64,10 @@ public:
     bool OnConnectOK(int iGroupId, std::uint32_t ulTargetID, int* pResult,
                      const TarnConnectorImpl* pOnly = nullptr);
 
+    /// Waits until no thread is inside a hook of a connector that is not registered, so that no further one
+    /// begins. Within a hook it does not wait.
+    static void WaitForHooks(const TarnConnector& connector);
+
     // --- references ---
 
     /// Takes or gives back a reference. @return 0, -1 for null
@@ -112,7 +116,6 @@ private:
     static void AcquireUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static void ReleaseUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static bool MayWaitForHooks();
-    void WaitForHooks(const TarnConnector& connector);
     bool CallHook(const ConnectionKey& key, int* pResult, const TarnConnectorImpl* pOnly,
                   const char* pszOperation, int (TarnConnector::*pfnHook)());
 
@@ -149,10 +152,6 @@ private:
 
     TarnRWThreadMutex m_RegistryLock;
     std::map<ConnectionKey, TarnConnector*> m_mapConnector TARN_GUARDED_BY(m_RegistryLock);
-
-    // Hooks under way, counted in the facades.
-    std::mutex m_HookMutex;
-    std::condition_variable m_HookLeft;
 
     TarnRWThreadMutex m_RubbishLock;
     std::list<TarnConnectorImpl*> m_lstRubbish TARN_GUARDED_BY(m_RubbishLock); // owned

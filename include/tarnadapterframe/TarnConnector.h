@@ -32,8 +32,9 @@ class TARN_ADAPTER_API TarnConnector
 {
 public:
     explicit TarnConnector(ECommuProtocolType eType = UNKOWN_TYPE);
-    /// Retires the transport. A connector that is registered, or in use by a thread inside a hook of it, must
-    /// not be destroyed: TarnConnectorMgr::UnRegisterConnector first.
+    /// Retires the transport. A connector that is registered must not be destroyed, nor one that a thread is
+    /// inside a hook of: TarnConnectorMgr::UnRegisterConnector first. When that was called inside a hook, what
+    /// the hook itself uses must be kept until it returns; for the framework's part this waits.
     virtual ~TarnConnector();
 
     TarnConnector(const TarnConnector&) = delete;
@@ -126,7 +127,7 @@ private:
     TarnConnectorImpl* m_pImpl TARN_GUARDED_BY(m_ImplLock) = nullptr;
     // Held in read mode between TarnConnectorMgr::GetConnectorByID and ReleaseConnector.
     TarnRWThreadMutex m_UseLock;
-    // Calls of hooks under way; guarded by a lock of the connection manager's.
+    // Calls of hooks under way; guarded by a lock of the connection manager's, for all connectors.
     int m_nHooks = 0;
 };
 

@@ -106,9 +106,11 @@ TEST_F(ConnectionStress, AllConnectionsDroppedAtOnceComeBackEachRound)
 class Turmoil
 {
 public:
-    Turmoil(int nSlots, int nThreads, Element& element,
+    /// @param bPastManager  also open and close connections without the manager; nobody is told of that
+    Turmoil(int nSlots, int nThreads, Element& element, bool bPastManager,
             std::function<std::unique_ptr<TestConnector>(int)> make)
         : m_Element(element)
+        , m_bPastManager(bPastManager)
         , m_Make(std::move(make))
         , m_Slots(static_cast<std::size_t>(nSlots))
     {
@@ -168,7 +170,8 @@ private:
             return;
         const int iResult = bUnregister ? At(i).pConnector->UnRegister() : 0;
         EXPECT_EQ(iResult, 0);
-        m_nDisorder += At(i).pConnector->nDisorder;
+        m_nDisorder +=
+            At(i).pConnector->nOverlaps + (m_bPastManager ? 0 : At(i).pConnector->nDisorder.load());
         At(i).pConnector.reset();
     }
 
@@ -197,6 +200,10 @@ private:
             case 5:
                 m_Element.DropAll(random() % 2 == 0);
                 break;
+            case 6:
+                if (m_bPastManager)
+                    OpenAndClose(i);
+                break;
             default:
                 Send(i);
                 break;
@@ -214,6 +221,13 @@ private:
                                                   static_cast<int>(strFrame.size()));
     }
 
+    void OpenAndClose(int i)
+    {
+        const std::shared_lock<std::shared_mutex> lock(At(i).mutex);
+        Manager().Connect(At(i).pConnector.get());
+        Manager().DisConnect(At(i).pConnector.get());
+    }
+
     void Reregister(int i)
     {
         const std::lock_guard<std::shared_mutex> guard(At(i).mutex);
@@ -229,6 +243,7 @@ private:
     }
 
     Element& m_Element;
+    const bool m_bPastManager;
     const std::function<std::unique_ptr<TestConnector>(int)> m_Make;
     std::vector<Slot> m_Slots;
     std::atomic<bool> m_bEnd{false};
@@ -239,12 +254,18 @@ private:
 constexpr int TURMOIL_SLOTS = 20;
 constexpr int TURMOIL_THREADS = 6;
 
-TEST_F(ConnectionStress, EverythingAtOnceOnTheSameConnections)
+class ConnectionTurmoil : public ConnectionStress, public ::testing::WithParamInterface<bool>
+{};
+
+INSTANTIATE_TEST_SUITE_P(PastTheManager, ConnectionTurmoil, ::testing::Bool());
+
+TEST_P(ConnectionTurmoil, EverythingAtOnceOnTheSameConnections)
 {
     StartWith(TURMOIL_SLOTS);
     const auto tEnd = Clock::now() + std::chrono::seconds(StressRounds(2));
     {
-        Turmoil turmoil(TURMOIL_SLOTS, TURMOIL_THREADS, element, [this](int i) { return Make(i); });
+        Turmoil turmoil(TURMOIL_SLOTS, TURMOIL_THREADS, element, GetParam(),
+                        [this](int i) { return Make(i); });
         EXPECT_TRUE(WaitUntil([&] { return Clock::now() > tEnd; }, std::chrono::hours(1)));
         turmoil.End();
         // Nothing has been lost: whoever is asked to come back does.
@@ -281,7 +302,7 @@ TEST_F(ConnectionStress, FiniAtAnyMomentLeavesNothing)
     for (int iRound = 0; iRound < StressRounds(5); ++iRound)
     {
         StartWith(TURMOIL_SLOTS);
-        auto pTurmoil = std::make_unique<Turmoil>(TURMOIL_SLOTS, TURMOIL_THREADS, element,
+        auto pTurmoil = std::make_unique<Turmoil>(TURMOIL_SLOTS, TURMOIL_THREADS, element, true,
                                                   [this](int i) { return Make(i); });
         const auto tEnd = Clock::now() + std::chrono::milliseconds(random() % 300);
         EXPECT_TRUE(WaitUntil([&] { return Clock::now() > tEnd; }));

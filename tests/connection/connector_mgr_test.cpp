@@ -132,7 +132,8 @@ TEST_F(ConnectorMgr, WaitingRegistrationTriesOnTheCallersThread)
     EXPECT_EQ(pConnector->nOpened, 1);
     EXPECT_EQ(host.Count(1, "... Wait for connecting the Target 0x1 ... ...\n"), 2);
     EXPECT_EQ(pConnector->Impl()->GetConnTimeOut(), 30);
-    EXPECT_EQ(pConnector->Impl()->GetRefCount(), 2);
+    // The registry's and the reactor's, once the first call has returned.
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->GetRefCount() == 2; }));
     EXPECT_EQ(pConnector->UnRegister(), 0);
 }
 
@@ -308,6 +309,7 @@ TEST_F(ConnectorMgr, HooksMayCallAnything)
     ASSERT_TRUE(WaitOpened(*pConnector, 2));
     element.DropAll(false);
     ASSERT_TRUE(WaitUntil([&] { return nUnregistered == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return !pConnector->IsInHook(); }));
     EXPECT_EQ(pConnector->nDisorder, 0);
     EXPECT_EQ(pConnector->UnRegister(), -1);
 }

@@ -42,7 +42,8 @@ int TestConnector::Send(std::uint32_t ulSerial, const std::string& strPayload)
 
 int TestConnector::OnConnectOK()
 {
-    nDisorder += m_nInside++ != 0 || m_bUp.exchange(true) ? 1 : 0;
+    nOverlaps += m_nInside++ != 0 ? 1 : 0;
+    nDisorder += m_bUp.exchange(true) ? 1 : 0;
     ++nOpened;
     if (onOpened)
         onOpened();
@@ -52,7 +53,8 @@ int TestConnector::OnConnectOK()
 
 int TestConnector::OnSockBreak()
 {
-    nDisorder += m_nInside++ != 0 || !m_bUp.exchange(false) ? 1 : 0;
+    nOverlaps += m_nInside++ != 0 ? 1 : 0;
+    nDisorder += !m_bUp.exchange(false) ? 1 : 0;
     ++nBroken;
     if (onBroken)
         onBroken();

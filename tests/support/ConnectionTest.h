@@ -25,6 +25,8 @@ public:
     int UnRegister();
     int Send(std::uint32_t ulSerial, const std::string& strPayload);
 
+    bool IsInHook() const { return m_nInside != 0; }
+
     int OnConnectOK() override;
     int OnSockBreak() override;
 
@@ -32,7 +34,8 @@ public:
     std::function<void()> onBroken;
     std::atomic<int> nOpened{0};
     std::atomic<int> nBroken{0};
-    std::atomic<int> nDisorder{0}; ///< hooks that overlapped, or a break without an opening
+    std::atomic<int> nOverlaps{0}; ///< hooks that ran at the same time
+    std::atomic<int> nDisorder{0}; ///< two openings, or two breaks, in a row
 
     static constexpr int GROUP = 1;
     static constexpr std::uint32_t PROTOCOL = 77;
