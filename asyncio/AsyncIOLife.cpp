@@ -6,17 +6,15 @@
 #include "asyncio/TEIOReactor.h"
 #include "core/ApplicationCall.h"
 #include "core/ReactorDescriptors.h"
+#include "core/ReactorLoop.h"
 #include "core/Settings.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/TarnConnectorMgr.h"
 
 #include <ace/Guard_T.h>
-#include <ace/High_Res_Timer.h>
 #include <ace/Message_Block.h>
 #include <ace/Object_Manager.h>
 #include <ace/Reactor.h>
-#include <ace/Select_Reactor.h>
-#include <ace/Timer_Queue.h>
 
 #include <new>
 
@@ -116,19 +114,9 @@ void TEAsyncIOMgrImpl::CreateIOReactor()
 
 void TEAsyncIOMgrImpl::CreateTimerReactor()
 {
-    ACE_Select_Reactor* pImpl =
-        ReactorDescriptorsAvailable() ? new (std::nothrow) ACE_Select_Reactor : nullptr;
-    ACE_Reactor* pReactor =
-        pImpl != nullptr && pImpl->initialized() != 0 ? new (std::nothrow) ACE_Reactor(pImpl, true) : nullptr;
-    if (pReactor == nullptr)
-    {
-        delete pImpl;
+    m_pTimerReactor = NewTimerReactor();
+    if (m_pTimerReactor == nullptr)
         TarnAdapterFrmtTrace(0, "TEAsyncIOMgrImpl::Init, failed to new ACE_Reactor");
-        return;
-    }
-    // A steady clock, so that a change of the system's moves no timer.
-    pReactor->timer_queue()->gettimeofday(&ACE_High_Res_Timer::gettimeofday_hr);
-    m_pTimerReactor = pReactor;
 }
 
 void TEAsyncIOMgrImpl::ScheduleRecycler()

@@ -201,6 +201,10 @@ void TEAsyncIOMgrImpl::AbandonConnections()
         pConnector->SetServed(false);
     }
     m_mapConnector.clear();
+    const std::lock_guard<std::mutex> droppedGuard(m_DroppedMutex);
+    for (TarnConnectorImpl* pConnector : m_Dropped)
+        TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(pConnector);
+    m_Dropped.clear();
 }
 
 TEAsyncIOMgrImpl::~TEAsyncIOMgrImpl()

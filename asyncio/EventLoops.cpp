@@ -28,7 +28,7 @@ void TEAsyncIOMgrImpl::RunEventLoop()
     }
     const ThreadCount::Inside inside(m_LoopThreads);
     RunReactorLoop(
-        *pReactor, [](void* pStart) { static_cast<ThreadStart*>(pStart)->Announce(); }, &m_ThreadStart);
+        *pReactor, [this] { m_ThreadStart.Announce(); }, [this] { BreakDropped(); });
 }
 
 ACE_THR_FUNC_RETURN TEAsyncIOMgrImpl::StartTimerEventLoop(void* pManager)
@@ -53,6 +53,5 @@ void TEAsyncIOMgrImpl::RunTimerEventLoop()
         return;
     }
     const ThreadCount::Inside inside(m_LoopThreads);
-    RunReactorLoop(
-        *pReactor, [](void* pStart) { static_cast<ThreadStart*>(pStart)->Announce(); }, &m_ThreadStart);
+    RunReactorLoop(*pReactor, [this] { m_ThreadStart.Announce(); });
 }

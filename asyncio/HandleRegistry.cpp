@@ -262,3 +262,32 @@ void TEAsyncIOMgrImpl::RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& c
         TarnAdapterFrmtTrace(1, "UnregisterHandle,remove_handler error,handle = 0x%x,iRet = %d,errno = %d\n",
                              handle, iResult, errno);
 }
+
+void TEAsyncIOMgrImpl::ReportDropped(TarnConnectorImpl& connector)
+{
+    TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
+    {
+        const std::lock_guard<std::mutex> guard(m_DroppedMutex);
+        m_Dropped.push_back(&connector);
+        m_bDropped = true;
+    }
+    if (ACE_Reactor* pReactor = m_pReactor)
+        pReactor->notify(); // whoever waits there now comes by BreakDropped
+}
+
+void TEAsyncIOMgrImpl::BreakDropped()
+{
+    if (!m_bDropped)
+        return;
+    std::vector<TarnConnectorImpl*> dropped;
+    {
+        const std::lock_guard<std::mutex> guard(m_DroppedMutex);
+        dropped.swap(m_Dropped);
+        m_bDropped = false;
+    }
+    for (TarnConnectorImpl* pConnector : dropped)
+    {
+        pConnector->BreakServed();
+        TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(pConnector);
+    }
+}

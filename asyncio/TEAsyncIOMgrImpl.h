@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 ACE_BEGIN_VERSIONED_NAMESPACE_DECL
 class ACE_Reactor;
@@ -74,6 +75,10 @@ public:
     /// The connection registered under a handle with one reference taken, or null.
     TarnConnectorImpl* FindConnectorImpl(ACE_HANDLE handle) TARN_EXCLUDES(m_RegistryLock);
 
+    /// Notes that the reactor has dropped a connection by itself: its descriptor was closed behind the library's
+    /// back. An I/O thread breaks the connection soon. Called with the reactor's token held.
+    void ReportDropped(TarnConnectorImpl& connector);
+
     /// The I/O reactor; null before Init, and when it could not be created.
     TEIOReactor* Reactor() { return m_pReactorImpl; }
 
@@ -122,6 +127,7 @@ private:
     int TakeBackRegistration(ACE_HANDLE handle, int iResult) TARN_EXCLUDES(m_RegistryLock);
     bool EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& connector) TARN_EXCLUDES(m_RegistryLock);
     void RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& connector);
+    void BreakDropped();
 
     std::mutex m_InitMutex;
     bool m_bInitialised = false; // guarded by m_InitMutex
@@ -149,6 +155,10 @@ private:
 
     TarnThreadMutex m_RegistryLock;
     std::map<ACE_HANDLE, TarnConnectorImpl*> m_mapConnector TARN_GUARDED_BY(m_RegistryLock);
+
+    std::mutex m_DroppedMutex;                 // a leaf
+    std::vector<TarnConnectorImpl*> m_Dropped; // with a reference each; guarded by m_DroppedMutex
+    std::atomic<bool> m_bDropped{false};       // there are some
 };
 
 #endif

@@ -61,17 +61,6 @@ int TEIOReactor::SwitchWriteEvents(ACE_HANDLE handle, bool bOn)
     return 0;
 }
 
-void TEIOReactor::deactivate(int iStop)
-{
-    m_iDeactivated = iStop;
-    ACE_TP_Reactor::deactivate(iStop);
-}
-
-int TEIOReactor::deactivated()
-{
-    return m_iDeactivated;
-}
-
 void TEIOReactor::clear_dispatch_mask(ACE_HANDLE handle, ACE_Reactor_Mask mask)
 {
     if (handler_rep_.find(handle) == nullptr)

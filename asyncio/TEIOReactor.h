@@ -1,12 +1,13 @@
 #ifndef TARN_ASYNCIO_TEIOREACTOR_H
 #define TARN_ASYNCIO_TEIOREACTOR_H
 
+#include "core/StoppableReactor.h"
+
 #include <ace/TP_Reactor.h>
 
 #include <sys/select.h>
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 
 /// The reactor of the I/O threads: ACE's thread-pool reactor, with write interest that is switched in place,
@@ -15,7 +16,7 @@
 /// One thread waits, the leader; the others wait for the reactor's token. A handle is not dispatched again
 /// while one of its handler calls runs. The operations with `_i`, and clear_dispatch_mask, are ACE's
 /// extension points; ACE calls them with the token held.
-class TEIOReactor : public ACE_TP_Reactor
+class TEIOReactor : public StoppableReactor<ACE_TP_Reactor>
 {
 public:
     /// Built only when ReactorDescriptorsAvailable() says so; ACE aborts the process otherwise.
@@ -29,11 +30,6 @@ public:
     ///         -1 the token could not be taken
     int EnableWriteEvents(ACE_HANDLE handle);
     int DisableWriteEvents(ACE_HANDLE handle);
-
-    /// Ends the event loops, or lets them run again: ACE_Reactor::end_reactor_event_loop and its like. ACE's
-    /// loops read a plain number without the token; here they read an atomic.
-    void deactivate(int iStop) override;
-    int deactivated() override;
 
 protected:
     // ACE forgets every remembered ready handle after each event and waits again from the lowest one up, so
@@ -59,8 +55,6 @@ private:
 
     // Guarded by the token. By handle; only handles that handler_rep_ knows are looked up.
     std::array<std::uint32_t, FD_SETSIZE> m_Generation{};
-    // Any thread.
-    std::atomic<int> m_iDeactivated{0};
 };
 
 #endif

@@ -165,6 +165,18 @@ void TarnConnectorImpl::BreakUnserved(std::uint32_t ulSession)
     PostBroken(HookEvent::BROKEN_RECONNECT);
 }
 
+void TarnConnectorImpl::BreakServed()
+{
+    const std::uint32_t ulSession = ServedSession();
+    if (ClaimBreak(ulSession, BreakTold::YES) == BreakClaim::NOT_MINE)
+        return;
+    if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+        pAsyncIOMgr->UnregisterSession(this, ulSession);
+    if (IsControlParaTrue(AUTO_CONNECT))
+        CloseSession(ulSession);
+    PostBroken(HookEvent::BROKEN_RECONNECT);
+}
+
 void TarnConnectorImpl::DeliverHook(HookEvent eEvent)
 {
     TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
@@ -183,25 +195,24 @@ int TarnConnectorImpl::handle_timeout(const ACE_Time_Value& /*currentTime*/, con
     return 0;
 }
 
-/// The reactor calls it with its token held, which allows nothing but a line in the log. It does so only for
-/// UnregisterHandle: a handler call that fails has unregistered the connection before it returns.
+/// The reactor calls it with its token held, so no lock may be taken here that somebody holds while he wants the
+/// token. It does so for UnregisterHandle, and when it finds a descriptor closed, both with the full mask: a
+/// handler call that fails has unregistered the connection before it returns.
 int TarnConnectorImpl::handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask)
 {
     const Reference reference(*this);
     const auto uMask = static_cast<unsigned>(mask);
     TarnAdapterFrmtTrace(1, "Close handle mask : 0x%x  handle 0x%x\n", uMask, handle);
-    if (mask == ACE_Event_Handler::ALL_EVENTS_MASK)
+    if (mask != ACE_Event_Handler::ALL_EVENTS_MASK)
+        BreakServed();
+    else if (!IsServed())
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::handle_close, because of unregister handle\n");
-    else
+    else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
     {
-        const std::uint32_t ulSession = ServedSession();
-        if (ClaimBreak(ulSession, BreakTold::YES) == BreakClaim::NOT_MINE)
-            return 0;
-        if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
-            pAsyncIOMgr->UnregisterSession(this, ulSession);
-        if (IsControlParaTrue(AUTO_CONNECT))
-            CloseSession(ulSession);
-        PostBroken(HookEvent::BROKEN_RECONNECT);
+        // Not by UnregisterHandle, which notes the end first. The reactor's reference goes with its handler.
+        TarnAdapterFrmtTrace(1, "TarnConnectorImpl::handle_close, the descriptor was closed while in use\n");
+        pAsyncIOMgr->ReportDropped(*this);
+        DecRef();
     }
     TarnAdapterFrmtTrace(1, "time:%d, handle 0x%x close mask: 0x%x.\n", AsInt(GetTickCount()), handle, uMask);
     return 0;

@@ -192,6 +192,9 @@ public:
     void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
     /// Ends a session that was opened but cannot be served: closed, announced, and queued for reconnection.
     void BreakUnserved(std::uint32_t ulSession);
+    /// Ends the session that is being served, if there is one: unregistered, closed (AUTO_CONNECT), announced,
+    /// and queued for reconnection. Not with the reactor's token held.
+    void BreakServed();
 
     // --- for the I/O manager ---
 

@@ -5,7 +5,6 @@
 #include "core/LogArguments.h"
 #include "core/ManagerParts.h"
 #include "core/MessageAdapterTable.h"
-#include "core/ReactorDescriptors.h"
 #include "core/ReactorLoop.h"
 #include "core/StopGate.h"
 #include "core/TEMessageTimer.h"
@@ -14,10 +13,8 @@
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
 #include <ace/Guard_T.h>
-#include <ace/High_Res_Timer.h>
 #include <ace/Object_Manager.h>
 #include <ace/Reactor.h>
-#include <ace/Timer_Queue.h>
 
 #include <new>
 
@@ -109,17 +106,10 @@ int TEAdapterManager::Init()
 
 bool TEAdapterManager::CreateReactor()
 {
-    if (ReactorDescriptorsAvailable())
-        m_pReactor = new (std::nothrow) ACE_Reactor;
-    if (m_pReactor == nullptr || m_pReactor->initialized() == 0)
-    {
-        DeleteReactor();
+    m_pReactor = NewTimerReactor();
+    if (m_pReactor == nullptr)
         TarnAdapterFrmtTrace(0, "TEAdapterManager::Init ,failed to new ACE_Reactor");
-        return false;
-    }
-    // A steady clock, so that a change of the system's moves no timer.
-    m_pReactor->timer_queue()->gettimeofday(&ACE_High_Res_Timer::gettimeofday_hr);
-    return true;
+    return m_pReactor != nullptr;
 }
 
 bool TEAdapterManager::CreateMessageTimer()
@@ -194,9 +184,7 @@ void TEAdapterManager::RunTimerEventLoop()
     }
     {
         const CountedIn countedIn(*this);
-        RunReactorLoop(
-            *m_pReactor, [](void* pStarted) { static_cast<ACE_Manual_Event*>(pStarted)->signal(); },
-            &m_TimerThreadStarted);
+        RunReactorLoop(*m_pReactor, [this] { m_TimerThreadStarted.signal(); });
     }
     // The manager may be gone as soon as the count is 0: nothing of it is touched afterwards.
     TarnAdapterFrmtTrace(3, "TEAdapterManager Quit Thread process eventLoop is 0x%x. \n", ulThreadId);

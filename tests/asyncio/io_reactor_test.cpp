@@ -1,4 +1,5 @@
 #include "asyncio/TEIOReactor.h"
+#include "support/SocketPair.h"
 #include "support/TestHost.h"
 
 #include <ace/Reactor.h>
@@ -18,42 +19,6 @@
 #include <vector>
 
 namespace {
-
-/// A connected pair of sockets; the near end belongs to the reactor's side of a test.
-class SocketPair
-{
-public:
-    SocketPair()
-    {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
-        iNear = ends[0];
-        iFar = ends[1];
-    }
-    ~SocketPair()
-    {
-        CloseNear();
-        close(iFar);
-    }
-    SocketPair(const SocketPair&) = delete;
-    SocketPair& operator=(const SocketPair&) = delete;
-
-    void CloseNear()
-    {
-        if (iNear >= 0)
-            close(iNear);
-        iNear = -1;
-    }
-    void Send(int iBytes) const
-    {
-        EXPECT_EQ(send(iFar, std::string(static_cast<std::size_t>(iBytes), 'x').data(),
-                       static_cast<std::size_t>(iBytes), MSG_NOSIGNAL),
-                  iBytes);
-    }
-
-    int iNear = -1;
-    int iFar = -1;
-};
 
 int ReadOne(ACE_HANDLE handle)
 {

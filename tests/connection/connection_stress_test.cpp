@@ -294,10 +294,10 @@ TEST_P(ConnectionTurmoil, EverythingAtOnceOnTheSameConnections)
 TEST_F(ConnectionStress, FiniAtAnyMomentLeavesNothing)
 {
     std::minstd_rand random(7);
+    const std::set<int> threads = Threads();
     Start();
     tarnadapter::Fini();
     FrameMessage::DeleteLeft();
-    const std::set<int> threads = Threads();
     const int nDescriptors = DescriptorCount();
     for (int iRound = 0; iRound < StressRounds(5); ++iRound)
     {

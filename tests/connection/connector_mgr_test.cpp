@@ -72,8 +72,8 @@ TEST_F(ConnectorMgr, ARegisteredConnectorIsOpenedServedAndClosed)
     const auto pConnector = MakeConnector(5);
     ASSERT_EQ(pConnector->Register(), 0);
     ASSERT_TRUE(WaitOpened(*pConnector, 1));
-    EXPECT_EQ(pConnector->Impl()->GetRefCount(), 2);
     EXPECT_TRUE(Asks(*pConnector, 1));
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->GetRefCount() == 2; }));
     TarnConnector* pFound = Manager().GetConnectorByHandle(pConnector->Handle());
     EXPECT_EQ(pFound, pConnector.get());
     Manager().ReleaseConnector(pFound);
