@@ -88,8 +88,9 @@ void TarnConnectorMgrImpl::FinishOpened(TarnConnectorImpl* pConnector)
     pConnector->SetConnectCount(0);
     if (IsUnwanted(*pConnector))
         CloseForRequest(pConnector);
-    else if (!Serve(pConnector))
-        RenewRequest(pConnector);
+    else if (Serve(pConnector))
+        return;
+    RenewRequest(pConnector);
 }
 
 /// Has an open connection served and announced, once for each opening.

@@ -2,12 +2,13 @@
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "support/ConnectionTest.h"
+#include "support/DescriptorHog.h"
+#include "support/Relay.h"
 #include "support/Threads.h"
 
 #include <future>
 #include <map>
 #include <mutex>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -29,9 +30,9 @@ protected:
     }
 
     /// Sends a request and waits for its answer, which must come over the same connection.
-    bool Asks(TestConnector& connector, std::uint32_t ulSerial)
+    bool Asks(TestConnector& connector, std::uint32_t ulSerial, const std::string& strMore = {})
     {
-        const std::string strPayload = "from " + std::to_string(connector.GetTargetID());
+        const std::string strPayload = "from " + std::to_string(connector.GetTargetID()) + strMore;
         auto answered = std::make_shared<std::promise<bool>>();
         {
             const std::lock_guard<std::mutex> guard(m_Mutex);
@@ -228,6 +229,21 @@ TEST_F(ConnectorMgr, AnElementThatFlapsDisturbsNobody)
     EXPECT_EQ(pSteady->UnRegister(), 0);
 }
 
+/// Through an independent program, and with every frame in many pieces.
+TEST_F(ConnectorMgr, AStreamCutIntoSevenBytePiecesKeepsItsFrames)
+{
+    StartAsking();
+    auto pRelay = std::make_unique<Relay>(element.Port());
+    TestConnector connector(1, pRelay->Port());
+    ASSERT_EQ(connector.Register(), 0);
+    ASSERT_TRUE(WaitOpened(connector, 1));
+    for (std::uint32_t u = 1; u <= 50; ++u)
+        ASSERT_TRUE(Asks(connector, u, std::string(u * 60, 'r'))) << u;
+    pRelay.reset();
+    EXPECT_TRUE(WaitUntil([&] { return connector.nBroken == 1; }));
+    EXPECT_EQ(connector.UnRegister(), 0);
+}
+
 TEST_F(ConnectorMgr, RequestsEndAndRenewTheAttempts)
 {
     Start();
@@ -394,28 +410,18 @@ TEST_F(ConnectorMgr, ACallersOwnConnectionIsServedAndLeftToHim)
 
 TEST_F(ConnectorMgr, AHandleThatIsTooHighIsClosedAnnouncedAndRetried)
 {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     Start();
-    std::vector<int> taken;
-    for (int i = 0; i < 1100; ++i)
-        taken.push_back(dup(STDERR_FILENO));
-    ASSERT_GT(taken.back(), 1024);
+    auto pHog = std::make_unique<DescriptorHog>(1100);
+    ASSERT_GT(pHog->Highest(), 1024);
     const auto pConnector = MakeConnector(1);
     ASSERT_EQ(pConnector->Register(), 0);
     EXPECT_TRUE(WaitUntil([&] { return pConnector->nOpened >= 3; }));
     EXPECT_GE(host.CountContaining(1, "is too high, the reactor serves handles below 1024\n"), 2);
-    for (const int iFd : taken)
-        close(iFd);
+    pHog.reset();
     EXPECT_TRUE(WaitUntil([&] { return pConnector->Handle() >= 0 && pConnector->Handle() < 1024; }));
     EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsServed(); }));
     EXPECT_EQ(pConnector->UnRegister(), 0);
     EXPECT_EQ(pConnector->nDisorder, 0);
-    limit.rlim_cur = before;
-    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(ConnectorMgr, NothingIsReopenedWhileTheApplicationExits)
