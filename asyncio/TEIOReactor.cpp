@@ -1,19 +1,26 @@
 #include "asyncio/TEIOReactor.h"
 
+#include "connection/WouldBlock.h"
+
 #include <ace/Event_Handler.h>
 #include <ace/Guard_T.h>
+#include <ace/Select_Reactor_Base.h>
+
+#include <sys/socket.h>
+
+#include <cerrno>
 
 namespace {
 
 // The handler call that this thread has begun last. ACE suspends the handle on the dispatching thread before
 // the call, and drops or resumes it on the same thread afterwards.
-struct HandlerCall
+struct DispatchedCall
 {
     const TEIOReactor* pReactor = nullptr;
     ACE_HANDLE handle = ACE_INVALID_HANDLE;
     std::uint32_t ulGeneration = 0;
 };
-thread_local HandlerCall t_Call;
+thread_local DispatchedCall t_Call;
 
 // What ACE removes after a handler call that failed: the one event of the call. Whoever unregisters a handle
 // removes more.
@@ -22,6 +29,18 @@ bool IsSingleEvent(ACE_Reactor_Mask mask)
     return mask == ACE_Event_Handler::READ_MASK || mask == ACE_Event_Handler::WRITE_MASK ||
            mask == ACE_Event_Handler::EXCEPT_MASK;
 }
+
+/// The writing end of a reactor's notification pipe, which ACE keeps to itself.
+class NotificationPipe : public ACE_Select_Reactor_Notify
+{
+public:
+    static ACE_HANDLE WriteHandle(ACE_Reactor_Notify* pNotify)
+    {
+        auto* pPipe = dynamic_cast<ACE_Select_Reactor_Notify*>(pNotify);
+        return pPipe != nullptr ? (pPipe->*(&NotificationPipe::notification_pipe_)).write_handle()
+                                : ACE_INVALID_HANDLE;
+    }
+};
 
 bool Switch(ACE_Handle_Set& set, ACE_HANDLE handle, bool bOn)
 {
@@ -36,7 +55,21 @@ bool Switch(ACE_Handle_Set& set, ACE_HANDLE handle, bool bOn)
 
 } // namespace
 
-TEIOReactor::TEIOReactor() = default;
+TEIOReactor::TEIOReactor()
+    : m_WakeHandle(NotificationPipe::WriteHandle(notify_handler_))
+{}
+
+int TEIOReactor::notify(ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask, ACE_Time_Value* pTimeout)
+{
+    if (pHandler != nullptr)
+        return StoppableReactor::notify(pHandler, mask, pTimeout);
+    const ACE_Notification_Buffer buffer(nullptr, mask);
+    const auto iSent = send(m_WakeHandle, &buffer, sizeof(buffer), MSG_DONTWAIT | MSG_NOSIGNAL);
+    // In a full pipe there are wake-ups enough.
+    if (iSent == static_cast<ssize_t>(sizeof(buffer)) || (iSent == -1 && IsWouldBlock(errno)))
+        return 0;
+    return StoppableReactor::notify(pHandler, mask, pTimeout); // not a socket, or not open
+}
 
 int TEIOReactor::EnableWriteEvents(ACE_HANDLE handle)
 {

@@ -254,7 +254,7 @@ void TarnConnectorMgrImpl::CloseForRequest(TarnConnectorImpl* pConnector)
     const BreakClaim eClaim =
         pConnector->ClaimBreak(ulSession, bAuto ? BreakTold::IF_OPENING_WAS : BreakTold::YES);
     if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
-        pAsyncIOMgr->UnregisterHandle(pConnector);
+        pAsyncIOMgr->UnregisterSession(pConnector, ulSession); // not one that has been opened meanwhile
     pConnector->CloseSession(ulSession);
     if (eClaim == BreakClaim::TELL)
         pConnector->PostBroken(HookEvent::BROKEN);

@@ -22,6 +22,8 @@ namespace {
 constexpr std::size_t THREAD_ID_BYTES = sizeof(std::uint32_t);
 // What one call sends at most, so that a fast sender cannot keep an I/O thread.
 constexpr std::size_t WRITE_LIMIT = 65536;
+// Blocks are sent together until they are so many bytes.
+constexpr std::size_t GATHER_BYTES = 4096;
 // Room that an empty buffer may keep.
 constexpr std::size_t MAX_IDLE_CAPACITY = 65536;
 // How long a sender waits for room in the out queue.
@@ -110,13 +112,13 @@ int TarnConnectorImpl::Write()
     std::size_t uBudget = WRITE_LIMIT;
     for (;;)
     {
-        if (m_uWritten == m_WriteBuffer.size() && !TakeNextBlock())
+        if (m_uWritten == m_WriteBuffer.size() && !GatherOutput())
             return 0;
         if (uBudget == 0)
             return MORE_LATER;
         const std::size_t uTurn = std::min(m_WriteBuffer.size() - m_uWritten, uBudget);
-        const char* const pRest = reinterpret_cast<const char*>(m_WriteBuffer.data()) + m_uWritten;
-        const int iSent = SendData(pRest, static_cast<int>(uTurn));
+        const int iSent = SendData(reinterpret_cast<const char*>(m_WriteBuffer.data()) + m_uWritten,
+                                   static_cast<int>(uTurn));
         if (iSent == -1)
         {
             const int iError = errno;
@@ -124,36 +126,65 @@ int TarnConnectorImpl::Write()
             errno = iError;
             return -1;
         }
-        TraceHexData(pRest, iSent, TraceTypeOfSending(m_ulAdapterProtocolID), m_ulWriteThreadId);
-        m_uWritten += static_cast<std::size_t>(iSent);
+        NoteSent(static_cast<std::size_t>(iSent));
         uBudget -= static_cast<std::size_t>(iSent);
         if (static_cast<std::size_t>(iSent) < uTurn)
             return MORE_LATER; // the socket takes no more; it announces when it does
     }
 }
 
-/// Makes the first block of the out queue the one being sent. False when there is none.
-bool TarnConnectorImpl::TakeNextBlock()
+/// Traces what has been sent, each block's part by itself with the thread that queued it.
+void TarnConnectorImpl::NoteSent(std::size_t uSent)
+{
+    while (uSent > 0)
+    {
+        OutputBlock& block = m_WriteBlocks.front();
+        const std::size_t uPart = std::min(uSent, block.uRest);
+        TraceHexData(reinterpret_cast<const char*>(m_WriteBuffer.data()) + m_uWritten,
+                     static_cast<int>(uPart), TraceTypeOfSending(m_ulAdapterProtocolID), block.ulThreadId);
+        m_uWritten += uPart;
+        uSent -= uPart;
+        block.uRest -= uPart;
+        if (block.uRest == 0)
+            m_WriteBlocks.pop_front();
+    }
+}
+
+/// Makes the first blocks of the out queue those being sent, several when they are small: a call of the system
+/// for each would cost more than all the rest. False when there is none.
+bool TarnConnectorImpl::GatherOutput()
 {
     m_WriteBuffer.clear();
     m_uWritten = 0;
     if (m_WriteBuffer.capacity() > MAX_IDLE_CAPACITY)
         m_WriteBuffer.shrink_to_fit();
+    while (m_WriteBuffer.size() < GATHER_BYTES && TakeNextBlock())
+    {}
+    return !m_WriteBuffer.empty();
+}
+
+/// Moves the first block of the out queue to the end of what is being sent. False when there is none.
+bool TarnConnectorImpl::TakeNextBlock()
+{
     ACE_Message_Block* pBlock = nullptr;
     ACE_Time_Value noWait(ACE_Time_Value::zero);
     if (m_pOutQueue->is_empty() || m_pOutQueue->dequeue(pBlock, &noWait) == -1)
         return false;
     const auto* pBytes = reinterpret_cast<const unsigned char*>(pBlock->base());
+    const std::size_t uLength = pBlock->size() - THREAD_ID_BYTES;
+    OutputBlock block = {0, uLength};
+    std::memcpy(&block.ulThreadId, pBytes, THREAD_ID_BYTES);
     try
     {
-        m_WriteBuffer.assign(pBytes + THREAD_ID_BYTES, pBytes + pBlock->size());
+        m_WriteBuffer.reserve(m_WriteBuffer.size() + uLength);
+        m_WriteBlocks.push_back(block);
     }
     catch (const std::bad_alloc&)
     {
         m_pOutQueue->enqueue_head(pBlock, &noWait);
         throw;
     }
-    std::memcpy(&m_ulWriteThreadId, pBytes, THREAD_ID_BYTES);
+    m_WriteBuffer.insert(m_WriteBuffer.end(), pBytes + THREAD_ID_BYTES, pBytes + pBlock->size());
     FreeBlock(pBlock);
     return true;
 }

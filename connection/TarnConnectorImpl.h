@@ -19,6 +19,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -233,6 +234,11 @@ protected:
 
 private:
     class Reference;
+    struct OutputBlock
+    {
+        std::uint32_t ulThreadId; // who queued it
+        std::size_t uRest;        // bytes not yet sent
+    };
 
     static constexpr int BROKEN = -2048;
 
@@ -244,6 +250,8 @@ private:
     int Break(HandlerCall& call, const char* pszDisConnectText);
     int ConsumeFrames();
     int DiscardInput(int iResult);
+    void NoteSent(std::size_t uSent);
+    bool GatherOutput();
     bool TakeNextBlock();
     void DiscardOutput();
     void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
@@ -270,9 +278,9 @@ private:
 
     // Touched only from handler calls, one at a time.
     std::vector<unsigned char> m_ReadBuffer;
-    std::vector<unsigned char> m_WriteBuffer; // the block being sent
-    std::size_t m_uWritten = 0;               // how much of it has been sent
-    std::uint32_t m_ulWriteThreadId = 0;      // who queued it
+    std::vector<unsigned char> m_WriteBuffer; // the blocks being sent
+    std::size_t m_uWritten = 0;               // how much of them has been sent
+    std::deque<OutputBlock> m_WriteBlocks;    // those of which something is left
     int m_nRepeats = 0;                       // results of 1 in a row
 
     // Has a lock of its own.

@@ -3,6 +3,7 @@
 #include "connection/TarnConnectorMgrImpl.h"
 #include "connection/TarnTCPConnectorImpl.h"
 #include "core/LogArguments.h"
+#include "platform/tarnplatform.h"
 #include "support/ConnectionTest.h"
 #include "support/SocketPair.h"
 #include "support/Threads.h"
@@ -20,14 +21,50 @@ void* AsPointer(int iHandle)
     return reinterpret_cast<void*>(static_cast<std::intptr_t>(iHandle));
 }
 
-std::mutex g_TraceMutex;
-std::map<std::uint32_t, std::set<int>> g_TraceTypes; // by length of what was traced; guarded by g_TraceMutex
+struct Traced
+{
+    int iType;
+    std::uint32_t ulThreadId;
+    bool operator==(const Traced& other) const
+    {
+        return iType == other.iType && ulThreadId == other.ulThreadId;
+    }
+};
 
-void KeepTraceType(const char* /*pData*/, int iLength, int iTraceType, std::uint32_t /*ulThreadId*/)
+std::mutex g_TraceMutex;
+std::map<int, std::vector<Traced>> g_Traced; // by length of what was traced; guarded by g_TraceMutex
+
+void KeepTrace(const char* /*pData*/, int iLength, int iTraceType, std::uint32_t ulThreadId)
 {
     const std::lock_guard<std::mutex> guard(g_TraceMutex);
-    g_TraceTypes[static_cast<std::uint32_t>(iLength)].insert(iTraceType);
+    g_Traced[iLength].push_back({iTraceType, ulThreadId});
 }
+
+bool WaitTraced(std::size_t uLength, const Traced& expected)
+{
+    return WaitUntil([&] {
+        const std::lock_guard<std::mutex> guard(g_TraceMutex);
+        return g_Traced[static_cast<int>(uLength)] == std::vector<Traced>{expected};
+    });
+}
+
+/// A connection that counts its attempts to send.
+class CountingConnection : public TarnTCPConnectorImpl
+{
+public:
+    CountingConnection()
+        : TarnTCPConnectorImpl(nullptr)
+    {
+        SetControlFlag(6);
+        SetAdapterProtocolID(TestConnector::PROTOCOL);
+    }
+    int SendData(const char* pBuf, int iLength) override
+    {
+        ++nSends;
+        return TarnTCPConnectorImpl::SendData(pBuf, iLength);
+    }
+    std::atomic<int> nSends{0};
+};
 
 /// Connections over socket pairs that the test opens and closes (AUTO_CONNECT clear), with one response thread,
 /// so that what is framed is handled in order.
@@ -220,10 +257,10 @@ TEST_F(ConnectionCore, BytesOfManySendersLeaveWholeAndInTheirOrder)
     EXPECT_EQ(connector.UnRegister(), 0);
 }
 
-TEST_F(ConnectionCore, WhatIsSentIsTracedByTheKindOfItsProtocol)
+TEST_F(ConnectionCore, WhatIsSentIsTracedBlockByBlockByTheKindOfItsProtocol)
 {
     StartKeeping();
-    RegisterTraceHexDataCBFunc(&KeepTraceType);
+    RegisterTraceHexDataCBFunc(&KeepTrace);
     const std::map<std::uint32_t, int> types = {{10, 5}, {4, 3}, {5, 3}, {6, 1}};
     for (const auto& [ulProtocol, iType] : types)
     {
@@ -235,12 +272,27 @@ TEST_F(ConnectionCore, WhatIsSentIsTracedByTheKindOfItsProtocol)
         EXPECT_EQ(AsyncIO().SendToOutBuffer(pair.iNear, strBytes.data(), static_cast<int>(strBytes.size())),
                   0);
         EXPECT_EQ(pair.Receive(strBytes.size()), strBytes);
-        EXPECT_TRUE(WaitUntil([&, uLength = strBytes.size(), iType = iType] {
-            const std::lock_guard<std::mutex> guard(g_TraceMutex);
-            return g_TraceTypes[static_cast<std::uint32_t>(uLength)] == std::set<int>{iType};
-        })) << ulProtocol;
+        EXPECT_TRUE(WaitTraced(strBytes.size(), {iType, GetCurrentThreadId()})) << ulProtocol;
         EXPECT_EQ(connector.UnRegister(), 0);
     }
+    // Queued before it is served, so sent in one piece.
+    const SocketPair pair;
+    CountingConnection connection;
+    connection.set_handle(pair.iNear);
+    std::uint32_t ulOther = 0;
+    std::thread([&] {
+        ulOther = GetCurrentThreadId();
+        EXPECT_EQ(connection.AddAndSendData(std::string(301, 'a').data(), 301), 0);
+    }).join();
+    EXPECT_EQ(connection.AddAndSendData(std::string(302, 'b').data(), 302), 0);
+    ASSERT_EQ(AsyncIO().RegisterHandle(&connection), 0);
+    EXPECT_EQ(pair.Receive(603), std::string(301, 'a') + std::string(302, 'b'));
+    EXPECT_TRUE(WaitTraced(301, {TARN_TRACE_SEND_TO_NE, ulOther}));
+    EXPECT_TRUE(WaitTraced(302, {TARN_TRACE_SEND_TO_NE, GetCurrentThreadId()}));
+    EXPECT_EQ(connection.nSends, 1);
+    EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
+    EXPECT_TRUE(WaitUntil([&] { return connection.IsUnused(); }));
+    connection.set_handle(ACE_INVALID_HANDLE);
     RegisterTraceHexDataCBFunc(nullptr);
 }
 
@@ -291,24 +343,6 @@ TEST_F(ConnectionCore, AFullOutQueueRefusesAndLosesNothing)
     EXPECT_TRUE(pair.Receive(BLOCK) == block(0));
     EXPECT_EQ(connector.UnRegister(), 0);
 }
-
-/// A connection that counts its attempts to send.
-class CountingConnection : public TarnTCPConnectorImpl
-{
-public:
-    CountingConnection()
-        : TarnTCPConnectorImpl(nullptr)
-    {
-        SetControlFlag(6);
-        SetAdapterProtocolID(TestConnector::PROTOCOL);
-    }
-    int SendData(const char* pBuf, int iLength) override
-    {
-        ++nSends;
-        return TarnTCPConnectorImpl::SendData(pBuf, iLength);
-    }
-    std::atomic<int> nSends{0};
-};
 
 TEST_F(ConnectionCore, WritingToADeafElementDoesNotSpin)
 {

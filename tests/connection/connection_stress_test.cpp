@@ -232,7 +232,7 @@ private:
     {
         const std::lock_guard<std::shared_mutex> guard(At(i).mutex);
         EXPECT_EQ(At(i).pConnector->UnRegister(), 0);
-        EXPECT_EQ(At(i).pConnector->Register(), 0);
+        At(i).pConnector->Register(); // another thread may ask for its closing meanwhile
     }
 
     void Replace(int i)
