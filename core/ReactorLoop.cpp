@@ -26,7 +26,7 @@ ACE_Reactor* NewTimerReactor()
     auto* pReactor = new (std::nothrow) ACE_Reactor(pImpl.get(), true);
     if (pReactor == nullptr)
         return nullptr;
-    pImpl.release();
+    static_cast<void>(pImpl.release()); // the front deletes it
     pReactor->timer_queue()->gettimeofday(&ACE_High_Res_Timer::gettimeofday_hr);
     return pReactor;
 }

@@ -18,6 +18,10 @@ public:
     /// Stops the library: every thread it started has ended, and every protocol adapter that was ever
     /// registered with it has been deleted, when it returns. It logs what it waits for. A repeated stop says
     /// so in the log; it cleans up after a start that has failed in between.
+    ///
+    /// What TEAdapterManager::Instance and the other managers' gave out is void afterwards: the host's own
+    /// threads must not be inside an operation of theirs, except the destructors of connectors. Connectors,
+    /// and the descriptors they hold, stay; so do messages that are registered or queued.
     static void Fini();
 
 private:

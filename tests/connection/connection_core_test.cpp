@@ -377,6 +377,48 @@ TEST_F(ConnectionCore, WritingToADeafElementDoesNotSpin)
     deaf.set_handle(ACE_INVALID_HANDLE);
 }
 
+/// A connection whose element has always sent more than is read.
+class EndlessConnection : public CountingConnection
+{
+public:
+    int RecvData(char* pBuf, int iLength) override
+    {
+        std::fill_n(pBuf, iLength, 'e');
+        ++nReads;
+        return iLength;
+    }
+    std::atomic<long> nReads{0};
+};
+
+TEST_F(ConnectionCore, AnElementThatNeverStopsSendingDoesNotKeepTheThread)
+{
+    constexpr std::uint32_t SWALLOWING = 100;
+    host.SetCfg("nAsyncIOThreadNum", "1");
+    StartKeeping();
+    AddAdapter(SWALLOWING,
+               [](void*, std::vector<unsigned char>& data) { return static_cast<int>(data.size()); });
+    const SocketPair endlessPair;
+    const SocketPair pair;
+    EndlessConnection endless;
+    endless.SetAdapterProtocolID(SWALLOWING);
+    endless.set_handle(endlessPair.iNear);
+    ASSERT_EQ(AsyncIO().RegisterHandle(&endless), 0);
+    endlessPair.Send(1);
+    TestConnector connector(1);
+    ASSERT_EQ(Serve(connector, pair), 0);
+    for (std::uint32_t u = 1; u <= 20; ++u)
+    {
+        const long nReads = endless.nReads;
+        EXPECT_TRUE(WaitUntil([&] { return endless.nReads > nReads; }));
+        pair.Send(Element::Frame(u, "in between"));
+        ASSERT_TRUE(WaitFrames(u));
+    }
+    EXPECT_EQ(AsyncIO().UnregisterHandle(&endless), 0);
+    EXPECT_EQ(connector.UnRegister(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return endless.IsUnused(); }));
+    endless.set_handle(ACE_INVALID_HANDLE);
+}
+
 TEST_F(ConnectionCore, WhatABreakCutsInTwoIsContinued)
 {
     StartKeeping();
