@@ -8,7 +8,6 @@
 #include "tarnadapterframe/TraceHexData.h"
 
 #include <ace/ACE.h>
-#include <ace/OS_NS_sys_time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,7 +74,7 @@ int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::AddAdnSendData, new memory error, errno=%d\n", errno);
         return 0;
     }
-    ACE_Time_Value deadline = ACE_OS::gettimeofday() + QUEUE_WAIT;
+    ACE_Time_Value deadline = m_pOutQueue->gettimeofday() + QUEUE_WAIT;
     if (m_pOutQueue->enqueue(pBlock, &deadline) == -1)
     {
         FreeBlock(pBlock);

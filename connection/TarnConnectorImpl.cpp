@@ -39,7 +39,7 @@ private:
 
 TarnConnectorImpl::TarnConnectorImpl(TarnConnector* /*pOwner*/)
     : ACE_Event_Handler(nullptr, 0)
-    , m_pOutQueue(std::make_unique<ACE_Message_Queue<ACE_MT_SYNCH>>(OUT_QUEUE_BYTES, OUT_QUEUE_BYTES))
+    , m_pOutQueue(std::make_unique<OutQueue>(OUT_QUEUE_BYTES, OUT_QUEUE_BYTES))
     , m_Hooks([this](HookEvent eEvent) { DeliverHook(eEvent); })
 {
     reference_counting_policy().value(Reference_Counting_Policy::ENABLED);

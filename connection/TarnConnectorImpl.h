@@ -13,6 +13,7 @@
 
 #include <ace/Event_Handler.h>
 #include <ace/Message_Queue.h>
+#include <ace/Monotonic_Time_Policy.h>
 #include <ace/OS_NS_Thread.h>
 
 #include <atomic>
@@ -234,6 +235,7 @@ protected:
 
 private:
     class Reference;
+    using OutQueue = ACE_Message_Queue<ACE_MT_SYNCH, ACE_Monotonic_Time_Policy>;
     struct OutputBlock
     {
         std::uint32_t ulThreadId; // who queued it
@@ -283,8 +285,8 @@ private:
     std::deque<OutputBlock> m_WriteBlocks;    // those of which something is left
     int m_nRepeats = 0;                       // results of 1 in a row
 
-    // Has a lock of its own.
-    std::unique_ptr<ACE_Message_Queue<ACE_MT_SYNCH>> m_pOutQueue;
+    // Has a lock of its own. Its waits follow a steady clock, so that a change of the system's time delays no sender.
+    std::unique_ptr<OutQueue> m_pOutQueue;
 
     TarnThreadMutex m_SendLock;
     bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;
