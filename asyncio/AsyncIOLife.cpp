@@ -4,12 +4,12 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "asyncio/TEIOHandlerRecycler.h"
 #include "asyncio/TEIOReactor.h"
+#include "connection/TarnConnectorMgrImpl.h"
 #include "core/ApplicationCall.h"
 #include "core/ReactorDescriptors.h"
 #include "core/ReactorLoop.h"
 #include "core/Settings.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
-#include "tarnadapterframe/TarnConnectorMgr.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Message_Block.h>
@@ -35,11 +35,15 @@ void StopAsyncIO()
 {
     if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->Stop();
+    else if (TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing())
+        pConnectorMgr->Stop();
 }
 
 void DestroyAsyncIO()
 {
     TEAsyncIOMgr::Destroy();
+    if (TarnConnectorMgrImpl::Existing() != nullptr)
+        TarnConnectorMgr::Destroy(); // there was no engine
 }
 
 TEAsyncIOMgr* TEAsyncIOMgr::Instance()

@@ -102,12 +102,10 @@ void TEAsyncIOMgrImpl::StopOnce()
     }
     WaitForThreads();
     if (TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing())
-    {
-        pConnectorMgr->StopConnectThreads();
-        pConnectorMgr->WaitForThreadEnds();
-    }
+        pConnectorMgr->Stop();
     m_LoopThreads.WaitForEnds();
     m_AppThreads.WaitForEnds();
+    m_ProducerGate.ShutAndWait();
     AbandonConnections();
 }
 
@@ -197,7 +195,7 @@ void TEAsyncIOMgrImpl::AbandonConnections()
     const TarnGuard guard(m_RegistryLock);
     for (const auto& [handle, pConnector] : m_mapConnector)
     {
-        pConnector->AbandonReferences(pConnector->IsServed() ? 2 : 1);
+        pConnector->AbandonReferences();
         pConnector->SetServed(false);
     }
     m_mapConnector.clear();
@@ -211,7 +209,6 @@ TEAsyncIOMgrImpl::~TEAsyncIOMgrImpl()
 {
     Stop();
     TarnConnectorMgr::Destroy();
-    m_ProducerGate.ShutAndWait();
     delete m_pReactor.load();
     delete m_pReactorImpl.load();
     delete m_pTimerReactor.load();

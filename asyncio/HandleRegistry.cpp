@@ -62,7 +62,7 @@ int TEAsyncIOMgrImpl::RegisterSession(TarnConnectorImpl* pConnector, std::uint32
 
 int TEAsyncIOMgrImpl::Register(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
 {
-    if (!WaitForOldCalls(connector))
+    if (!WaitForOldCalls(connector, pOnlySession))
     {
         TarnAdapterFrmtTrace(1,
                              "TEAsyncIOMgrImpl::RegisterHandle refused, a call of the connection's last "
@@ -85,21 +85,22 @@ int TEAsyncIOMgrImpl::Register(TarnConnectorImpl& connector, const std::uint32_t
 }
 
 /// An old call may still be framing, or inside a hook, when its connection has been opened again. It must have
-/// left before the next one begins.
-bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector)
+/// left before the next one begins. A connect thread waits for it as long as the session is open; anybody else for
+/// a bounded time: the call may be waiting for room in a queue that the waiting thread should empty, or for a call
+/// of the waiting thread's own.
+bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
 {
     constexpr auto POLL = std::chrono::milliseconds(1000);
-    constexpr int MAX_POLLS_IN_CALL = 5;
+    constexpr int MAX_POLLS = 5;
     const HandlerCall* pOwn = HandlerCall::CurrentOf(connector);
     if (pOwn != nullptr && pOwn->IsInBuffers())
         return false;
+    const bool bBounded = HandlerCall::Current() != nullptr || !TarnConnectorMgrImpl::IsConnectThread();
     for (int iPoll = 1; !connector.IsServed() && !connector.WaitForOldCalls(POLL); ++iPoll)
     {
-        TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
-        if (pConnectorMgr == nullptr || pConnectorMgr->IsStopping())
+        if (m_RegisterGate.IsShut() || (bBounded && iPoll >= MAX_POLLS))
             return false;
-        // Two I/O threads that register each other's connections would wait for ever.
-        if (HandlerCall::Current() != nullptr && iPoll >= MAX_POLLS_IN_CALL)
+        if (pOnlySession != nullptr && connector.OpenSession() != *pOnlySession)
             return false;
         TarnAdapterFrmtTrace(
             3, "TEAsyncIOMgrImpl::RegisterHandle, waiting for a call of the last registration\n");
@@ -141,7 +142,7 @@ int TEAsyncIOMgrImpl::InsertConnection(ACE_HANDLE handle, TarnConnectorImpl& con
 int TEAsyncIOMgrImpl::RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& connector)
 {
     // Before the reactor has it: from then on it may be called, break, and be released.
-    TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
+    connector.TakeReactorReference();
     connector.SetServed(true);
     TEIOReactor* pReactor = m_pReactorImpl;
     errno = ENOTSUP;
@@ -154,7 +155,7 @@ int TEAsyncIOMgrImpl::RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& co
         return 0;
     const int iError = errno;
     connector.SetServed(false);
-    TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
+    connector.ReleaseReactorReference();
     errno = iError;
     return TakeBackRegistration(handle, iResult);
 }
@@ -256,11 +257,10 @@ void TEAsyncIOMgrImpl::RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& c
     errno = ENOTSUP;
     const int iResult =
         pReactor != nullptr ? pReactor->remove_handler(handle, ACE_Event_Handler::ALL_EVENTS_MASK) : -1;
-    if (iResult == 0)
-        TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
-    else
+    if (iResult != 0)
         TarnAdapterFrmtTrace(1, "UnregisterHandle,remove_handler error,handle = 0x%x,iRet = %d,errno = %d\n",
                              handle, iResult, errno);
+    connector.ReleaseReactorReference();
 }
 
 void TEAsyncIOMgrImpl::ReportDropped(TarnConnectorImpl& connector)

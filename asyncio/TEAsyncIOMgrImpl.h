@@ -121,7 +121,7 @@ private:
     // Registration
     int Register(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession);
     int RegisterOpenHandle(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession);
-    bool WaitForOldCalls(TarnConnectorImpl& connector);
+    bool WaitForOldCalls(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession);
     int InsertConnection(ACE_HANDLE handle, TarnConnectorImpl& connector) TARN_EXCLUDES(m_RegistryLock);
     int RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& connector);
     int TakeBackRegistration(ACE_HANDLE handle, int iResult) TARN_EXCLUDES(m_RegistryLock);

@@ -12,8 +12,8 @@
 class TarnConnectorImpl;
 
 /// One record of the connect queue. Made when a connection is queued, deleted by whoever removes it. The queue
-/// holds one reference on the connection for it. Fields change under both the record's lock and, for the busy
-/// flag, the queue mutex.
+/// holds one reference on the connection for it. A free record becomes busy, and the queue is changed, under the
+/// queue mutex; whoever holds the record busy needs its lock only.
 struct CConnectorImplInfo
 {
     CConnectorImplInfo(TarnConnectorImpl* pConnection, const ACE_Time_Value& now, bool bAgain)

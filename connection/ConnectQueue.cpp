@@ -10,6 +10,12 @@
 
 namespace {
 
+bool IsBusy(CConnectorImplInfo& info)
+{
+    const TarnReadGuard guard(info.lock);
+    return info.bBusy;
+}
+
 /// The record that a connect thread is going to take, while the queue is looked through: a first request at
 /// once, else the retry that has waited longest.
 class Candidate
@@ -55,6 +61,7 @@ private:
 
 } // namespace
 
+/// @return 0 queued; 1 queued already, or not disconnected any more; -1 null, or no memory
 int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnectorImplInfo* pInfo)
 {
     if (pInfo == nullptr)
@@ -64,19 +71,19 @@ int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnect
         return -1;
     }
     UseConnectorImplAndIncRef(pInfo->pConnector);
-    const bool bQueued = WithMemory("putConnectTarget", false, [&] {
+    const int iResult = WithMemory("putConnectTarget", -1, [&] {
         const TarnGuard guard(*m_pConnectQuequeMutex);
         // It may have been queued, and opened, since the caller looked.
         if (pInfo->pConnector->GetState() != STATE_DISCONNECTED ||
             !m_pConnectQueque->emplace(key, pInfo).second)
-            return false;
+            return 1;
         pInfo->pConnector->SetState(STATE_CONNECTING);
-        return true;
+        return 0;
     });
-    if (!bQueued)
+    if (iResult != 0)
     {
         ReleaseConnectorImplDecRef(pInfo->pConnector);
-        return -1;
+        return iResult;
     }
     SignalWork();
     m_Work.Raise();
@@ -158,18 +165,22 @@ int TarnConnectorMgrImpl::clearConnectQueue()
         return -1;
     }
     const TarnGuard guard(*m_pConnectQuequeMutex);
-    for (const auto& [key, pInfo] : *m_pConnectQueque)
+    for (auto it = m_pConnectQueque->begin(); it != m_pConnectQueque->end();)
     {
-        if (pInfo == nullptr)
-            continue;
-        if (pInfo->pConnector != nullptr)
+        CConnectorImplInfo* pInfo = it->second;
+        if (pInfo != nullptr && IsBusy(*pInfo))
         {
-            pInfo->pConnector->SetState(STATE_DISCONNECTED);
+            ++it; // the threads have been resumed meanwhile, and one of them holds it
+            continue;
+        }
+        if (pInfo != nullptr && pInfo->pConnector != nullptr)
+        {
+            pInfo->pConnector->SetDisconnectedUnlessOpen();
             ReleaseConnectorImplDecRef(pInfo->pConnector);
         }
         delete pInfo;
+        it = m_pConnectQueque->erase(it);
     }
-    m_pConnectQueque->clear();
     return 0;
 }
 
@@ -179,16 +190,14 @@ bool TarnConnectorMgrImpl::IsQueueEmpty()
     return m_pConnectQueque->empty();
 }
 
-bool TarnConnectorMgrImpl::HasFreeRecord()
+int TarnConnectorMgrImpl::FreeRecords()
 {
+    int nFree = 0;
     const TarnGuard guard(*m_pConnectQuequeMutex);
     for (const auto& [key, pInfo] : *m_pConnectQueque)
     {
-        if (pInfo == nullptr)
-            continue;
-        const TarnReadGuard recordGuard(pInfo->lock);
-        if (!pInfo->bBusy)
-            return true;
+        if (pInfo != nullptr && !IsBusy(*pInfo))
+            ++nFree;
     }
-    return false;
+    return nFree;
 }

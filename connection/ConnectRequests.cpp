@@ -5,27 +5,11 @@
 #include "core/Settings.h"
 #include "platform/tarnplatform.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/tarnbaseutil.h"
 
 #include <ace/OS_NS_sys_time.h>
 
 #include <new>
-
-namespace {
-
-/// True when the connection is not to be open: its closing was requested, or its facade is leaving or has let
-/// it go.
-bool IsUnwanted(TarnConnectorImpl& connector)
-{
-    return connector.IsControlParaTrue(EXIT_CONNECT) || connector.IsLeaving() || connector.IsRetired();
-}
-
-void MarkDisconnected(TarnConnectorImpl& connector)
-{
-    if (connector.OpenSession() == 0)
-        connector.SetState(STATE_DISCONNECTED);
-}
-
-} // namespace
 
 bool TarnConnectorMgrImpl::WaitConnectTarget(TarnConnectorImpl* pConnector, int nAttempts)
 {
@@ -60,10 +44,10 @@ bool TarnConnectorMgrImpl::TryConnectTarget(TarnConnectorImpl* pConnector, int n
         pConnector->SetConnTimeOut(ATTEMPT_SECONDS);
         TarnAdapterFrmtTrace(1, "... Wait for connecting the Target 0x%x ... ...\n",
                              pConnector->GetTargetID());
-        if (IsUnwanted(*pConnector))
+        if (pConnector->IsUnwanted())
         {
             TarnAdapterFrmtTrace(1, "EXIT_CONNECT FLAG = true,before connect;\n");
-            MarkDisconnected(*pConnector);
+            pConnector->SetDisconnectedUnlessOpen();
             return nFailed == 0;
         }
         if (pConnector->Connect() == 0)
@@ -72,11 +56,14 @@ bool TarnConnectorMgrImpl::TryConnectTarget(TarnConnectorImpl* pConnector, int n
             return true;
         }
         ++nFailed;
-        if (IsUnwanted(*pConnector))
+        if (pConnector->IsUnwanted())
         {
-            MarkDisconnected(*pConnector);
+            pConnector->SetDisconnectedUnlessOpen();
             return false;
         }
+        // The stop waits for this thread if it is one of the library's.
+        if (m_bStopping || TarnAppIsExit())
+            return false;
         Sleep(PAUSE_MS);
     }
     return false;
@@ -86,7 +73,7 @@ bool TarnConnectorMgrImpl::TryConnectTarget(TarnConnectorImpl* pConnector, int n
 void TarnConnectorMgrImpl::FinishOpened(TarnConnectorImpl* pConnector)
 {
     pConnector->SetConnectCount(0);
-    if (IsUnwanted(*pConnector))
+    if (pConnector->IsUnwanted())
         CloseForRequest(pConnector);
     else if (Serve(pConnector))
         return;
@@ -158,7 +145,7 @@ int TarnConnectorMgrImpl::RequestConnect(TarnConnectorImpl* pConnector)
 /// to do; it is made up for once the state is plain.
 void TarnConnectorMgrImpl::RenewRequest(TarnConnectorImpl* pConnector)
 {
-    if (!m_bExit && pConnector->IsControlParaTrue(AUTO_CONNECT) && !IsUnwanted(*pConnector))
+    if (pConnector->IsControlParaTrue(AUTO_CONNECT) && !pConnector->IsUnwanted())
         EnqueueReadyConnQueue(pConnector, false);
 }
 
@@ -172,7 +159,7 @@ int TarnConnectorMgrImpl::EnqueueReadyConnQueue(TarnConnectorImpl* pConnector, b
             1, "TarnConnectorMgrImpl::EnqueueReadyConnQueue error, input para pConnectorImpl=null\n");
         return -1;
     }
-    if (!pConnector->IsControlParaTrue(AUTO_CONNECT) || IsUnwanted(*pConnector))
+    if (!pConnector->IsControlParaTrue(AUTO_CONNECT) || pConnector->IsUnwanted())
         return -1;
     if (pConnector->GetState() != STATE_DISCONNECTED)
         return -1;
@@ -183,10 +170,11 @@ int TarnConnectorMgrImpl::EnqueueReadyConnQueue(TarnConnectorImpl* pConnector, b
         return -1;
     }
     const ConnectTargetKey key{{pConnector->GetGroupID(), pConnector->GetTargetID()}, pConnector};
-    if (putConnectTarget(key, pInfo) != 0)
+    const int iPut = putConnectTarget(key, pInfo);
+    if (iPut != 0)
     {
         delete pInfo;
-        return 0; // queued already
+        return iPut > 0 ? 0 : -1;
     }
     EnsureConnectThread();
     return 0;
@@ -226,7 +214,7 @@ int TarnConnectorMgrImpl::RequestDisConnect(TarnConnectorImpl* pConnector)
         return -1;
     bool bGoOn = true;
     // Ends also when a later request to connect has cleared the flag.
-    while (bGoOn && IsUnwanted(*pConnector))
+    while (bGoOn && pConnector->IsUnwanted())
     {
         const std::uint64_t uFreed = m_RecordFreed.Get();
         const EConnectState eState = pConnector->GetState();
@@ -249,11 +237,17 @@ int TarnConnectorMgrImpl::RequestDisConnect(TarnConnectorImpl* pConnector)
 void TarnConnectorMgrImpl::CloseForRequest(TarnConnectorImpl* pConnector)
 {
     const std::uint32_t ulSession = pConnector->OpenSession();
+    if (ulSession == 0)
+    {
+        pConnector->SetDisconnectedIfConnected();
+        return;
+    }
     // An attempt that has just succeeded, and was not announced before the claim, is not announced any more.
     const bool bAuto = pConnector->IsControlParaTrue(AUTO_CONNECT);
     const BreakClaim eClaim =
         pConnector->ClaimBreak(ulSession, bAuto ? BreakTold::IF_OPENING_WAS : BreakTold::YES);
-    if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
+    TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
+    if (pAsyncIOMgr != nullptr && pConnector->IsServed())
         pAsyncIOMgr->UnregisterSession(pConnector, ulSession); // not one that has been opened meanwhile
     pConnector->CloseSession(ulSession);
     if (eClaim == BreakClaim::TELL)
@@ -317,6 +311,6 @@ int TarnConnectorMgrImpl::CancelRequestConnect(TarnConnectorImpl* pConnector)
         m_pConnectQueque->erase(it);
     }
     ReleaseConnectorImplDecRef(pConnector);
-    MarkDisconnected(*pConnector);
+    pConnector->SetDisconnectedUnlessOpen();
     return 0;
 }

@@ -79,7 +79,7 @@ void TarnConnectorMgrImpl::LeaveConnectThread()
         --m_nConnectThreads;
         ++m_nLeaving;
     }
-    if (!m_bExit && HasFreeRecord())
+    if (!m_bExit && FreeRecords() > 0)
         EnsureConnectThread();
     const std::lock_guard<std::mutex> guard(m_ThreadMutex);
     --m_nLeaving;
@@ -119,7 +119,7 @@ void TarnConnectorMgrImpl::ServeTarget(const ConnectTargetKey& key, CConnectorIm
                                        std::uint64_t uWorkSeen)
 {
     TarnConnectorImpl& connector = *info.pConnector;
-    if (connector.IsControlParaTrue(EXIT_CONNECT) || connector.IsRetired() || m_bExit)
+    if (connector.IsUnwanted() || m_bExit)
         AbandonTarget(key, info);
     else if (PauseUntilDue(info, uWorkSeen))
         ReleaseRecord(info, false);
@@ -177,7 +177,7 @@ void TarnConnectorMgrImpl::AbandonTarget(const ConnectTargetKey& key, CConnector
 {
     if (!RemoveRecord(key, info, ERASE_ERROR))
         return;
-    key.pConnector->SetState(STATE_DISCONNECTED);
+    key.pConnector->SetDisconnectedUnlessOpen();
     RenewRequest(key.pConnector);
 }
 
@@ -193,21 +193,32 @@ void TarnConnectorMgrImpl::AfterFailure(const ConnectTargetKey& key, CConnectorI
     connector.IncConnectCount();
     const int iMaxCount = connector.GetMaxConnectCount();
     const bool bSpent = iMaxCount != 0 && connector.GetConnectCount() >= iMaxCount;
-    if (!bSpent && !connector.IsControlParaTrue(EXIT_CONNECT) && !connector.IsRetired() && !m_bExit &&
-        !Settings().bNoNeReconnect)
+    // Read once: a request to connect may clear it any time, and counts on the record or on being made up for.
+    const bool bUnwanted = connector.IsUnwanted();
+    if (!bSpent && !bUnwanted && !m_bExit && !Settings().bNoNeReconnect)
     {
         ReleaseRecord(info, true);
         return;
     }
-    const bool bUnwanted = connector.IsControlParaTrue(EXIT_CONNECT);
     if (!RemoveRecord(key, info, ERASE_ERROR_GIVING_UP))
         return;
-    connector.SetState(STATE_DISCONNECTED);
+    connector.SetDisconnectedUnlessOpen();
     if (bUnwanted)
         RenewRequest(&connector);
 }
 
+bool TarnConnectorMgrImpl::IsConnectThread()
+{
+    return t_bConnectThread;
+}
+
 void TarnConnectorMgrImpl::BeginStop()
+{
+    m_bStopping = true;
+    EndConnectThreads();
+}
+
+void TarnConnectorMgrImpl::EndConnectThreads()
 {
     m_bExit = true;
     m_Work.Raise();
@@ -224,7 +235,7 @@ int TarnConnectorMgrImpl::StopConnectThreads()
         return -1;
     }
     constexpr auto POLL = std::chrono::seconds(1);
-    BeginStop();
+    EndConnectThreads();
     std::unique_lock<std::mutex> lock(m_ThreadMutex);
     while (!m_ThreadLeft.wait_for(lock, POLL, [this] { return m_nConnectThreads + m_nLeaving == 0; }))
     {
@@ -237,10 +248,17 @@ int TarnConnectorMgrImpl::StopConnectThreads()
     return 0;
 }
 
+void TarnConnectorMgrImpl::Stop()
+{
+    BeginStop();
+    StopConnectThreads();
+    m_ThreadsLeft.WaitUntilNone();
+}
+
 int TarnConnectorMgrImpl::ResumeConnectThreads()
 {
     m_bExit = false;
-    if (HasFreeRecord())
+    for (int nFree = FreeRecords(); nFree > 0; --nFree)
         EnsureConnectThread();
     return 0;
 }

@@ -97,7 +97,9 @@ void TarnConnectorImpl::SwitchWriteEvents(bool bOn)
     if (pReactor == nullptr)
         return;
     const DescriptorGuard::Use use(m_DescriptorGuard);
-    const ACE_HANDLE handle = UsableHandle();
+    // Queued bytes are the connection's, whichever opening the calling thread is in; a call that has sent all
+    // knows of its own opening only.
+    const ACE_HANDLE handle = bOn ? GetHandle() : UsableHandle();
     if (handle == ACE_INVALID_HANDLE)
         return;
     if (bOn)

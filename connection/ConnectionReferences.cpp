@@ -64,6 +64,25 @@ int TarnConnectorImpl::GetRefCount()
     return m_nRefCount;
 }
 
+void TarnConnectorImpl::TakeReactorReference()
+{
+    IncRef();
+    m_bReactorReference = true;
+}
+
+void TarnConnectorImpl::ReleaseReactorReference()
+{
+    if (m_bReactorReference.exchange(false))
+        DecRef();
+}
+
+void TarnConnectorImpl::AbandonReferences()
+{
+    m_nAbandoned += m_bReactorReference.exchange(false) ? 2 : 1;
+    const std::lock_guard<std::mutex> guard(m_ClaimMutex);
+    m_ulOpenedClaimed = m_ulSession - 1;
+}
+
 void TarnConnectorImpl::ForgetReferences()
 {
     const TarnWriteGuard guard(m_ReferenceLock);

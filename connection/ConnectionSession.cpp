@@ -98,8 +98,9 @@ std::uint32_t TarnConnectorImpl::ClaimOpened()
     if (ulSession == 0 || !IsLater(ulSession, m_ulOpenedClaimed) || !IsLater(ulSession, m_ulBreakClaimed))
         return 0;
     m_ulOpenedClaimed = ulSession;
-    // Within the lock: a break that is claimed later is announced later.
-    m_Hooks.ReserveOpened();
+    // Within the lock: a break that is claimed later is announced later. Served, but not announced, is the best
+    // that can be done without memory.
+    static_cast<void>(m_Hooks.ReserveOpened());
     return ulSession;
 }
 
@@ -108,11 +109,12 @@ BreakClaim TarnConnectorImpl::ClaimBreak(std::uint32_t ulSession, BreakTold eTol
     const std::lock_guard<std::mutex> guard(m_ClaimMutex);
     if (ulSession == 0 || !IsLater(ulSession, m_ulBreakClaimed))
         return BreakClaim::NOT_MINE;
+    const bool bTell =
+        eTold == BreakTold::YES || (eTold == BreakTold::IF_OPENING_WAS && m_ulOpenedClaimed == ulSession);
+    if (bTell && !m_Hooks.ReserveBroken())
+        return BreakClaim::NOT_MINE; // without memory the reactor finds it broken again, and again
     m_ulBreakClaimed = ulSession;
-    if (eTold == BreakTold::NO || (eTold == BreakTold::IF_OPENING_WAS && m_ulOpenedClaimed != ulSession))
-        return BreakClaim::SILENT;
-    m_Hooks.ReserveBroken();
-    return BreakClaim::TELL;
+    return bTell ? BreakClaim::TELL : BreakClaim::SILENT;
 }
 
 void TarnConnectorImpl::CloseSession(std::uint32_t ulSession)
@@ -148,6 +150,7 @@ void TarnConnectorImpl::Pin()
 void TarnConnectorImpl::Unpin()
 {
     const std::lock_guard<std::mutex> guard(m_PinMutex);
+    m_PinReleased.notify_all();
     --m_nUsePins;
 }
 
@@ -156,6 +159,12 @@ bool TarnConnectorImpl::WaitForOldCalls(std::chrono::milliseconds timeout)
     const int nOwn = HandlerCall::CurrentOf(*this) != nullptr ? 1 : 0;
     std::unique_lock<std::mutex> lock(m_PinMutex);
     return m_PinReleased.wait_for(lock, timeout, [&] { return m_nReactorPins <= nOwn; });
+}
+
+bool TarnConnectorImpl::WaitUntilUnpinned(std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(m_PinMutex);
+    return m_PinReleased.wait_for(lock, timeout, [this] { return m_nReactorPins == 0 && m_nUsePins == 0; });
 }
 
 bool TarnConnectorImpl::IsUnused()

@@ -118,3 +118,18 @@ void TarnConnectorImpl::SetState(EConnectState eState)
     const TarnWriteGuard guard(m_StateLock);
     m_eState = eState;
 }
+
+void TarnConnectorImpl::SetDisconnectedUnlessOpen()
+{
+    // Whoever opens the connection stores the handle before he sets the state.
+    const TarnWriteGuard guard(m_StateLock);
+    if (GetHandle() == ACE_INVALID_HANDLE)
+        m_eState = STATE_DISCONNECTED;
+}
+
+void TarnConnectorImpl::SetDisconnectedIfConnected()
+{
+    const TarnWriteGuard guard(m_StateLock);
+    if (m_eState == STATE_CONNECTED && GetHandle() == ACE_INVALID_HANDLE)
+        m_eState = STATE_DISCONNECTED;
+}

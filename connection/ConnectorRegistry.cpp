@@ -112,9 +112,8 @@ int TarnConnectorMgrImpl::RegisterConnector(TarnConnector* pConnector, bool bWai
                             "TarnConnectorMgrImpl::RegisterConnector error, pConnectorImpl= null\n");
     if (!pin)
         return -1;
-    if (RegistConnectorImpl(pConnector, pin->GetGroupID(), pin->GetTargetID()) != 0)
+    if (RegistConnectorImpl(pConnector, *pin.Get()) != 0)
         return -1;
-    pin->SetLeaving(false);
     const int iResult = OpenRegistered(pin.Get(), bWait, iWaitConnectCount);
     if (iResult != 0)
         TarnAdapterFrmtTrace(
@@ -125,9 +124,10 @@ int TarnConnectorMgrImpl::RegisterConnector(TarnConnector* pConnector, bool bWai
     return iResult;
 }
 
-int TarnConnectorMgrImpl::RegistConnectorImpl(TarnConnector* pConnector, int iGroupId,
-                                              std::uint32_t ulTargetID)
+int TarnConnectorMgrImpl::RegistConnectorImpl(TarnConnector* pConnector, TarnConnectorImpl& connection)
 {
+    const int iGroupId = connection.GetGroupID();
+    const std::uint32_t ulTargetID = connection.GetTargetID();
     if (iGroupId < 0)
     {
         TarnAdapterFrmtTrace(1, "RegistConnectorImpl error, iGroupId = %d,iTargetID = 0x%x \n", iGroupId,
@@ -137,6 +137,8 @@ int TarnConnectorMgrImpl::RegistConnectorImpl(TarnConnector* pConnector, int iGr
     return WithMemory("RegisterConnector", -1, [&] {
         const TarnWriteGuard guard(m_RegistryLock);
         const bool bNew = m_mapConnector.emplace(ConnectionKey{iGroupId, ulTargetID}, pConnector).second;
+        if (bNew)
+            connection.SetLeaving(false); // before anybody can find it and unregister it again
         TarnAdapterFrmtTrace(
             1,
             bNew ? "RegistConnectorImpl success, groupId = %d, targetId = 0x%x \n"
@@ -152,9 +154,13 @@ int TarnConnectorMgrImpl::OpenRegistered(TarnConnectorImpl* pConnector, bool bWa
     if (!pConnector->IsControlParaTrue(AUTO_CONNECT))
     {
         TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
-        return pAsyncIOMgr != nullptr ? pAsyncIOMgr->RegisterHandle(pConnector) : -1;
+        const int iResult = pAsyncIOMgr != nullptr ? pAsyncIOMgr->RegisterHandle(pConnector) : -1;
+        if (iResult != 0 || !pConnector->IsLeaving())
+            return iResult;
+        pAsyncIOMgr->UnregisterHandle(pConnector); // unregistered meanwhile
+        return -1;
     }
-    if (pConnector->OpenSession() != 0)
+    if (!bWait && pConnector->OpenSession() != 0)
         TarnAdapterFrmtTrace(
             2,
             "TarnConnectorMgrImpl::RegisterConnector, the connection is open already and not served, "
@@ -191,6 +197,8 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
         }
         pConnector = it->second;
         pin.emplace(*pConnector, nullptr);
+        if (*pin)
+            (*pin)->SetLeaving(true);
     }
     if (!*pin)
     {
@@ -200,7 +208,6 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
                              iGroupId, key.ulTargetID);
         return -1;
     }
-    (*pin)->SetLeaving(true);
     if ((*pin)->IsControlParaTrue(AUTO_CONNECT))
         RequestDisConnect(pin->Get());
     else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
@@ -208,7 +215,7 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     // What has happened is told as long as the connector can be found.
     while (MayWaitForHooks() && !(*pin)->WaitForHooks(HOOK_POLL))
         LogHookWait();
-    if (RemoveConnector(key))
+    if (RemoveConnector(key, pConnector))
         WaitForHooks(*pConnector);
     else // another thread has been faster, and may have destroyed the connector
         TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
@@ -217,10 +224,15 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     return 0;
 }
 
-bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key)
+/// @return false when another thread has been faster; the key may be another connector's by now
+bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector)
 {
     const TarnWriteGuard guard(m_RegistryLock);
-    return m_mapConnector.erase(key) != 0;
+    const auto it = m_mapConnector.find(key);
+    if (it == m_mapConnector.end() || it->second != pConnector)
+        return false;
+    m_mapConnector.erase(it);
+    return true;
 }
 
 /// A thread inside a hook does not wait for hooks: two of them might wait for each other. Nor does one inside

@@ -1,25 +1,30 @@
 #include "connection/HookQueue.h"
 
+#include "core/ApplicationCall.h"
+
 #include <utility>
 
 HookQueue::HookQueue(std::function<void(HookEvent)> deliver)
     : m_Deliver(std::move(deliver))
 {}
 
-void HookQueue::ReserveOpened()
+bool HookQueue::ReserveOpened()
 {
-    Reserve(HookEvent::OPENED);
+    return Reserve(HookEvent::OPENED);
 }
 
-void HookQueue::ReserveBroken()
+bool HookQueue::ReserveBroken()
 {
-    Reserve(HookEvent::BROKEN);
+    return Reserve(HookEvent::BROKEN);
 }
 
-void HookQueue::Reserve(HookEvent eEvent)
+bool HookQueue::Reserve(HookEvent eEvent)
 {
-    const std::lock_guard<std::mutex> guard(m_Mutex);
-    m_Entries.push_back({eEvent, false});
+    return WithMemory("HookQueue::Reserve", false, [&] {
+        const std::lock_guard<std::mutex> guard(m_Mutex);
+        m_Entries.push_back({eEvent, false});
+        return true;
+    });
 }
 
 void HookQueue::PostOpened()

@@ -27,11 +27,11 @@ public:
     HookQueue& operator=(const HookQueue&) = delete;
 
     /// Keep the place of an event that is going to be posted: what another thread posts first, but reserves
-    /// later, comes after it.
-    void ReserveOpened();
-    void ReserveBroken();
+    /// later, comes after it. @return false without memory (logged): there will be nothing to deliver
+    bool ReserveOpened();
+    bool ReserveBroken();
 
-    /// Post the event reserved longest. @param eEvent  BROKEN or BROKEN_RECONNECT
+    /// Post the event reserved longest, if there is one. @param eEvent  BROKEN or BROKEN_RECONNECT
     void PostOpened();
     void PostBroken(HookEvent eEvent);
 
@@ -46,7 +46,7 @@ private:
         bool bReady;
     };
 
-    void Reserve(HookEvent eEvent);
+    bool Reserve(HookEvent eEvent);
     void Post(HookEvent eReserved, HookEvent eEvent);
     void Deliver(std::unique_lock<std::mutex>& lock);
 

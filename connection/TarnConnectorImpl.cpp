@@ -47,17 +47,27 @@ TarnConnectorImpl::TarnConnectorImpl(TarnConnector* /*pOwner*/)
 
 TarnConnectorImpl::~TarnConnectorImpl()
 {
+    WaitUntilUnused();
+    DiscardOutput();
+}
+
+void TarnConnectorImpl::WaitUntilUnused()
+{
     constexpr DWORD POLL_MS = 1000;
     constexpr int PASSES_PER_DUMP = 10;
     for (int iPass = 1; !IsUnused(); ++iPass)
     {
+        // Pins are mostly those of short calls.
+        const bool bReferred = GetRefCount() > m_nAbandoned;
+        if (!bReferred && WaitUntilUnpinned(std::chrono::milliseconds(POLL_MS)))
+            continue;
         TarnAdapterFrmtTrace(1, "while ~TarnConnectorImpl(), Refcount = %d,GroupId = %d,TargetID = 0x%x\n",
                              GetRefCount(), GetGroupID(), GetTargetID());
         if (iPass % PASSES_PER_DUMP == 0)
             DumpRefThreadInfo();
-        Sleep(POLL_MS);
+        if (bReferred)
+            Sleep(POLL_MS);
     }
-    DiscardOutput();
 }
 
 int TarnConnectorImpl::handle_input(ACE_HANDLE /*handle*/)
@@ -104,7 +114,11 @@ int TarnConnectorImpl::handle_output(ACE_HANDLE /*handle*/)
         return 0;
     // Write interest stays on, and the reactor serves it before reading: without a turn here the connection
     // would not be read until all is sent.
-    return TryRead() < 0 ? BreakFromInput(call) : 0;
+    int iRead = 0;
+    do
+        iRead = TryRead();
+    while (iRead > 0 && HasBufferedInput());
+    return iRead < 0 ? BreakFromInput(call) : 0;
 }
 
 /// Sends what has been queued meanwhile and switches write events off. Under the send lock: whoever queues a
@@ -209,10 +223,10 @@ int TarnConnectorImpl::handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask)
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::handle_close, because of unregister handle\n");
     else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
     {
-        // Not by UnregisterHandle, which notes the end first. The reactor's reference goes with its handler.
+        // Not by UnregisterHandle, which notes the end first.
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::handle_close, the descriptor was closed while in use\n");
         pAsyncIOMgr->ReportDropped(*this);
-        DecRef();
+        ReleaseReactorReference();
     }
     TarnAdapterFrmtTrace(1, "time:%d, handle 0x%x close mask: 0x%x.\n", AsInt(GetTickCount()), handle, uMask);
     return 0;

@@ -62,12 +62,13 @@ enum class BreakClaim
 /// found a session broken can only end that one: it may be over already, and the next one healthy.
 ///
 /// Locks, in their order: open/close mutex, registration mutex or send lock, descriptor guard; then the reactor's token, the state
-/// lock, the parameter lock or the reference lock, each without another of these. The others are leaves.
+/// lock, the parameter lock or the reference lock, each without another of these but the parameter lock, which
+/// comes after the state lock. The others are leaves.
 class TarnConnectorImpl : public ACE_Event_Handler
 {
 public:
     explicit TarnConnectorImpl(TarnConnector* pOwner);
-    /// Waits until nobody refers to the connection, with a line in the log every second.
+    /// Waits as WaitUntilUnused does.
     ~TarnConnectorImpl() override;
 
     TarnConnectorImpl(const TarnConnectorImpl&) = delete;
@@ -147,6 +148,10 @@ public:
 
     EConnectState GetState() TARN_EXCLUDES(m_StateLock);
     void SetState(EConnectState eState) TARN_EXCLUDES(m_StateLock);
+    /// Nobody attempts to open the connection any more: it is disconnected, unless somebody has opened it.
+    void SetDisconnectedUnlessOpen() TARN_EXCLUDES(m_StateLock, m_ParameterLock);
+    /// The same for a state that says the connection is open, but not for a queued one.
+    void SetDisconnectedIfConnected() TARN_EXCLUDES(m_StateLock, m_ParameterLock);
 
     // --- references ---
 
@@ -155,8 +160,13 @@ public:
     int GetRefCount() TARN_EXCLUDES(m_ReferenceLock);
     /// Logs which threads hold references, when they are recorded.
     void DumpRefThreadInfo() TARN_EXCLUDES(m_ReferenceLock);
-    /// References of an engine that is gone: nobody will ever release them.
-    void AbandonReferences(int nReferences) { m_nAbandoned += nReferences; }
+    /// The reactor's reference, one while it has the connection. It may drop a descriptor that the host has
+    /// closed while another thread takes the same out, so whoever comes first releases it.
+    void TakeReactorReference();
+    void ReleaseReactorReference();
+    /// The references of the registry and the reactor of an engine that is gone: nobody will ever release them.
+    /// The open session may be served and announced anew.
+    void AbandonReferences();
     void ForgetReferences() TARN_EXCLUDES(m_ReferenceLock);
     /// Pins by callers of the facade.
     void Pin();
@@ -170,6 +180,8 @@ public:
     /// Its facade is being unregistered, or not registered again yet: it is not opened.
     void SetLeaving(bool bLeaving) { m_bLeaving = bLeaving; }
     bool IsLeaving() const { return m_bLeaving; }
+    /// The connection is not to be open: its closing was requested, or its facade is leaving or has let it go.
+    bool IsUnwanted() { return IsControlParaTrue(EXIT_CONNECT) || m_bLeaving || m_bRetired; }
 
     // --- sessions ---
 
@@ -189,8 +201,7 @@ public:
     void PostBroken(HookEvent eEvent) { m_Hooks.PostBroken(eEvent); }
     /// Waits until everything that has been posted has been told. @return false when the time was over first
     bool WaitForHooks(std::chrono::milliseconds timeout) { return m_Hooks.WaitUntilDelivered(timeout); }
-    /// Closes the connection if the session is still the open one. 0: if none is, so that a state which says
-    /// otherwise is put right.
+    /// Closes the connection if the session is still the open one.
     void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
     /// Ends a session that was opened but cannot be served: closed, announced, and queued for reconnection.
     void BreakUnserved(std::uint32_t ulSession);
@@ -216,6 +227,9 @@ public:
     bool WaitForOldCalls(std::chrono::milliseconds timeout);
 
 protected:
+    /// Waits until nobody refers to the connection, with a line in the log every second. A transport's destructor
+    /// begins with it: whoever still refers to the connection may be using what the transport adds.
+    void WaitUntilUnused();
     /// Stores a handle within the descriptor guard.
     void StoreHandle(ACE_HANDLE handle) TARN_REQUIRES(m_DescriptorGuard) TARN_EXCLUDES(m_ParameterLock);
     /// Closes the descriptor by `close` and forgets the handle when that returns 0, in one step; a leftover
@@ -244,6 +258,7 @@ private:
 
     static constexpr int BROKEN = -2048;
 
+    bool WaitUntilUnpinned(std::chrono::milliseconds timeout);
     int TryRead();
     int TryWrite();
     int BoundRepeats(int iResult);
@@ -294,6 +309,7 @@ private:
     TarnRWThreadMutex m_ReferenceLock;
     int m_nRefCount TARN_GUARDED_BY(m_ReferenceLock) = 0;
     std::vector<ACE_thread_t> m_RefThreads TARN_GUARDED_BY(m_ReferenceLock);
+    std::atomic<bool> m_bReactorReference{false};
     std::atomic<int> m_nAbandoned{0};
     std::atomic<bool> m_bRetired{false};
     std::atomic<bool> m_bLeaving{false};

@@ -81,6 +81,7 @@ TarnConnectorMgrImpl::~TarnConnectorMgrImpl()
                                       [this] { return m_nConnectThreads + m_nLeaving == 0; }))
             TarnAdapterFrmtTrace(1, "~TarnConnectorMgrImpl ,waiting connecting thread Quit. \n");
     }
+    clearConnectQueue(); // what was queued too late
     m_SyncQueEmpty.reset();
     pMutex.reset();
     {

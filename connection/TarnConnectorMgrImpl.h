@@ -89,10 +89,12 @@ public:
     /// @return 0 done; 1 it was not queued; -1 a connect thread holds it; -2 it is being given up just now
     int CancelRequestConnect(TarnConnectorImpl* pConnector);
 
-    /// From now on no connect thread takes work.
+    /// The engine is being stopped: from now on no connect thread takes work, and no caller repeats attempts.
     void BeginStop();
-    bool IsStopping() const { return m_bExit; }
-    void WaitForThreadEnds() { m_ThreadsLeft.WaitUntilNone(); }
+    /// True on the connect threads.
+    static bool IsConnectThread();
+    /// Ends the connect threads for good and waits for them.
+    void Stop();
 
     // --- retired connections ---
 
@@ -107,12 +109,13 @@ private:
     TarnConnectorMgrImpl();
     ~TarnConnectorMgrImpl() override;
 
-    int RegistConnectorImpl(TarnConnector* pConnector, int iGroupId, std::uint32_t ulTargetID)
+    int RegistConnectorImpl(TarnConnector* pConnector, TarnConnectorImpl& connection)
         TARN_EXCLUDES(m_RegistryLock);
     int OpenRegistered(TarnConnectorImpl* pConnector, bool bWait, int iWaitConnectCount);
     bool WaitConnectTarget(TarnConnectorImpl* pConnector, int nAttempts);
     bool TryConnectTarget(TarnConnectorImpl* pConnector, int nAttempts, int& nMade);
-    bool RemoveConnector(const ConnectionKey& key) TARN_EXCLUDES(m_RegistryLock);
+    bool RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector)
+        TARN_EXCLUDES(m_RegistryLock);
     static void AcquireUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static void ReleaseUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static bool MayWaitForHooks();
@@ -130,12 +133,13 @@ private:
     int eraseConnectTarget(const ConnectTargetKey& key);
     int clearConnectQueue();
     bool IsQueueEmpty();
-    bool HasFreeRecord();
+    int FreeRecords(); // that a connect thread may take
     bool WaitForWork(const ACE_Time_Value& deadline);
     void SignalWork();
 
     // Connect threads
     void EnsureConnectThread();
+    void EndConnectThreads();
     static ACE_THR_FUNC_RETURN ConnectThreadProc(void* pManager);
     void RunConnectThread();
     bool ConnectOnePass();
@@ -163,7 +167,8 @@ private:
     int m_nLeaving = 0;        // taking a last look
     ThreadsLeft m_ThreadsLeft;
 
-    std::atomic<bool> m_bExit{false};
+    std::atomic<bool> m_bExit{false};     // connect threads are to end
+    std::atomic<bool> m_bStopping{false}; // for good
 
     // Constant after construction.
     std::unique_ptr<MAPCONNECTTARGET> m_pConnectQueque; // what it holds is guarded by *m_pConnectQuequeMutex

@@ -16,6 +16,7 @@ TarnTCPConnectorImpl::TarnTCPConnectorImpl(TarnConnector* pOwner)
 
 TarnTCPConnectorImpl::~TarnTCPConnectorImpl()
 {
+    WaitUntilUnused();
     m_Stream.close();
 }
 

@@ -15,11 +15,11 @@ struct ManagerParts
     /// lock held. Negative: it could not be started.
     int (*pfnStartAsyncIO)() = nullptr;
 
-    /// Ends the threads of asynchronous I/O and waits for them; does nothing when it was not started. Called
+    /// Ends the threads of asynchronous I/O and of connections and waits for them, if there are any. Called
     /// with no lock held, before the next.
     void (*pfnStopAsyncIO)() = nullptr;
 
-    /// Deletes asynchronous I/O, if there is any. Called with ACE's static object lock held.
+    /// Deletes asynchronous I/O and the connection manager, if there are any. Called with ACE's static object lock held.
     void (*pfnDestroyAsyncIO)() = nullptr;
 };
 

@@ -12,6 +12,12 @@ void StopGate::ShutAndWait()
         TarnAdapterFrmtTrace(3, "%s, waiting for %d calls to return\n", m_pszStop, m_iInside);
 }
 
+bool StopGate::IsShut()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_bShut;
+}
+
 bool StopGate::Enter()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);

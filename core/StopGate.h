@@ -42,6 +42,7 @@ public:
     /// Shuts the gate for good and waits until nobody is inside, with a line in the log every second. Not to be
     /// called by somebody inside, nor with a lock held that they may want.
     void ShutAndWait();
+    bool IsShut();
 
 private:
     bool Enter();

@@ -23,7 +23,7 @@ public:
     /// connect thread, and kept open; with AUTO_CONNECT clear it must be open already, and its bytes are read
     /// and written from now on.
     ///
-    /// Give a connection with AUTO_CONNECT closed: an open one is not served. One that RequestDisConnect has
+    /// Give a connection with AUTO_CONNECT closed: an open one is served only with `bWait` true. One that RequestDisConnect has
     /// closed needs `bWait` false or a later RequestConnect to be opened again.
     /// @param pConnector         not owned; it must stay alive until it is unregistered
     /// @param bWait              try to connect on this thread first, for at most 4 seconds an attempt and
@@ -36,7 +36,8 @@ public:
 
     /// Takes a connector out: closes its connection (AUTO_CONNECT set) or stops serving its handle (clear), and
     /// waits until no other thread is inside a hook of it, so that it may be destroyed afterwards. Called
-    /// inside a hook, of whichever connector, it does not wait: destroy the connector later then.
+    /// inside a hook or a framing call, of whichever connector, it does not wait: destroy the connector later
+    /// then.
     ///
     /// While a connect thread is inside an attempt this waits for it, for the connect timeout at most.
     /// @return 0; -1 when the key is not registered, or group id below 0

@@ -66,6 +66,31 @@ public:
     std::atomic<int> nSends{0};
 };
 
+/// A connection that takes whole records off the socket and gives them out in pieces, as TLS does.
+class RecordConnection : public CountingConnection
+{
+public:
+    int RecvData(char* pBuf, int iLength) override
+    {
+        constexpr int RECORD_BYTES = 16384;
+        if (m_strRecord.empty())
+        {
+            char record[RECORD_BYTES];
+            const int iReceived = CountingConnection::RecvData(record, RECORD_BYTES);
+            if (iReceived <= 0)
+                return iReceived;
+            m_strRecord.assign(record, static_cast<std::size_t>(iReceived));
+        }
+        const std::size_t uPiece = m_strRecord.copy(pBuf, static_cast<std::size_t>(iLength));
+        m_strRecord.erase(0, uPiece);
+        return static_cast<int>(uPiece);
+    }
+    bool HasBufferedInput() override { return !m_strRecord.empty(); }
+
+private:
+    std::string m_strRecord;
+};
+
 /// Connections over socket pairs that the test opens and closes (AUTO_CONNECT clear), with one response thread,
 /// so that what is framed is handled in order.
 class ConnectionCore : public ConnectionTest
@@ -419,6 +444,25 @@ TEST_F(ConnectionCore, AnElementThatNeverStopsSendingDoesNotKeepTheThread)
     endless.set_handle(ACE_INVALID_HANDLE);
 }
 
+TEST_F(ConnectionCore, ReadingHasItsTurnWhileMuchIsBeingSent)
+{
+    constexpr std::size_t MUCH = 100'000; // the socket takes it all, one call sends less
+    host.SetCfg("nAsyncIOThreadNum", "0");
+    StartKeeping();
+    const SocketPair pair;
+    RecordConnection connection;
+    connection.set_handle(pair.iNear);
+    ASSERT_EQ(AsyncIO().RegisterHandle(&connection), 0);
+    pair.Send(Element::Frame(1, std::string(8000, 'r')));
+    EXPECT_EQ(connection.AddAndSendData(std::string(MUCH, 'w').data(), MUCH), 0);
+    EXPECT_EQ(connection.handle_output(pair.iNear), 0);
+    ASSERT_TRUE(WaitFrames(1)); // with what the transport held and no descriptor announces
+    EXPECT_EQ(connection.handle_output(pair.iNear), 0);
+    EXPECT_EQ(pair.Receive(MUCH).size(), MUCH);
+    EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
+    connection.set_handle(ACE_INVALID_HANDLE);
+}
+
 TEST_F(ConnectionCore, WhatABreakCutsInTwoIsContinued)
 {
     StartKeeping();
@@ -587,6 +631,8 @@ TEST_F(ConnectionCore, ACallOfTheLastOpeningAndANewRegistrationDoNotMeet)
     }));
     EXPECT_FALSE(pConnector->Impl()->IsServed());
     EXPECT_EQ(pConnector->nOpened, 1);
+    // Who is no connect thread may be the one that the old call waits for.
+    EXPECT_EQ(AsyncIO().RegisterHandle(pConnector->Impl()), ADAPTER_ERR_REACTOR);
     goOn.set_value();
     // The old call frames what it had received; then the new opening is served.
     ASSERT_TRUE(WaitFrames(2));

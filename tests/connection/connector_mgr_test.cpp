@@ -277,7 +277,11 @@ TEST_F(ConnectorMgr, AnAttemptUnderWayIsWaitedFor)
     connector.SetConnTimeOut(1);
     ASSERT_EQ(connector.Register(), 0);
     ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "Before Connect") > 0; }));
-    EXPECT_EQ(connector.UnRegister(), 0);
+    auto unregistered = std::async(std::launch::async, [&] { return connector.UnRegister(); });
+    // It goes on when somebody else takes the flag back that it has set.
+    ASSERT_TRUE(WaitUntil([&] { return connector.IsControlParaTrue(EXIT_CONNECT); }));
+    connector.SetControlFlag(7);
+    EXPECT_EQ(unregistered.get(), 0);
     EXPECT_EQ(connector.GetConnState(), STATE_DISCONNECTED);
     EXPECT_EQ(host.CountContaining(1, "connect fail, Group = 1 ,TARGETID = 0x1, errno=62\n"), 1);
     EXPECT_TRUE(WaitUntil([&] { return connector.Impl()->IsUnused(); }));
@@ -297,9 +301,37 @@ TEST_F(ConnectorMgr, StoppedConnectThreadsForgetTheQueueAndResumedOnesGoOn)
     element.StartListening();
     EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
     EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTING);
+    HangingListener hanging;
+    TestConnector slow(2, hanging.Port());
+    TestConnector slowToo(3, hanging.Port());
+    for (TestConnector* pSlow : {&slow, &slowToo})
+    {
+        pSlow->SetConnTimeOut(1);
+        EXPECT_EQ(pSlow->Register(), 0);
+    }
+    host.ClearLines();
     EXPECT_EQ(Manager().ResumeConnectThreads(), 0);
+    EXPECT_EQ(host.CountContaining(1, "spawn a thread to connect ne ok"), 3); // one for each that waits
     EXPECT_TRUE(WaitOpened(*pConnector, 2));
+    for (TestConnector* pEach : {pConnector.get(), &slow, &slowToo})
+        EXPECT_EQ(pEach->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, AConnectionThatItsOwnerOpensWhileItIsQueuedStaysOpen)
+{
+    host.SetCfg("nConnectSleep", "30");
+    Start();
+    const auto pConnector = MakeConnector(1);
+    element.StopListening();
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail") == 1; }));
+    element.StartListening();
+    EXPECT_EQ(pConnector->Connect(), 0);
+    EXPECT_EQ(Manager().StopConnectThreads(), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTED);
     EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_TRUE(WaitUntil([&] { return element.Open() == 0; }));
 }
 
 TEST_F(ConnectorMgr, HooksMayCallAnything)
@@ -363,6 +395,31 @@ TEST_F(ConnectorMgr, UnregisteringWaitsForAHookOnAnotherThread)
     EXPECT_EQ(unregistered.get(), 0);
 }
 
+TEST_F(ConnectorMgr, UnregisteringLeavesTheNextOwnerOfTheKeyAlone)
+{
+    Start();
+    const auto pFirst = MakeConnector(1);
+    const auto pSecond = MakeConnector(1);
+    std::promise<void> inside;
+    std::promise<void> goOn;
+    pFirst->onBroken = [&] {
+        inside.set_value();
+        goOn.get_future().wait();
+        EXPECT_EQ(pFirst->UnRegister(), 0);
+        EXPECT_EQ(pSecond->Register(), 0);
+    };
+    ASSERT_EQ(pFirst->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pFirst, 1));
+    element.DropAll(false);
+    inside.get_future().wait();
+    auto unregistered = std::async(std::launch::async, [&] { return pFirst->UnRegister(); });
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(3, "waiting for a hook to return") > 0; }));
+    goOn.set_value();
+    EXPECT_EQ(unregistered.get(), 0);
+    EXPECT_TRUE(WaitOpened(*pSecond, 1));
+    EXPECT_EQ(pSecond->UnRegister(), 0);
+}
+
 TEST_F(ConnectorMgr, ARetiredConnectionNeitherCallsHooksNorComesBack)
 {
     Start();
@@ -408,6 +465,30 @@ TEST_F(ConnectorMgr, ACallersOwnConnectionIsServedAndLeftToHim)
     EXPECT_EQ(Manager().RequestConnect(1, 1), -1);
 }
 
+TEST_F(ConnectorMgr, WhatAnOwnerSendsInTheHookThatReopensItIsSent)
+{
+    StartAsking();
+    const auto pConnector = MakeConnector(1);
+    pConnector->SetControlFlag(6);
+    std::atomic<bool> bAnswered{false};
+    pConnector->onBroken = [&] {
+        EXPECT_EQ(pConnector->UnRegister(), 0);
+        EXPECT_EQ(pConnector->DisConnect(), 0);
+        EXPECT_EQ(pConnector->Connect(), 0);
+        EXPECT_EQ(pConnector->Register(), 0);
+        // The new registration has had its first call when another thread is answered.
+        EXPECT_TRUE(std::async(std::launch::async, [&] { return Asks(*pConnector, 1); }).get());
+        bAnswered = Asks(*pConnector, 2);
+    };
+    EXPECT_EQ(pConnector->Connect(), 0);
+    ASSERT_EQ(pConnector->Register(), 0);
+    element.DropAll(false);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->nBroken == 1 && !pConnector->IsInHook(); }));
+    EXPECT_TRUE(bAnswered);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->DisConnect(), 0);
+}
+
 TEST_F(ConnectorMgr, AHandleThatIsTooHighIsClosedAnnouncedAndRetried)
 {
     Start();
@@ -443,26 +524,60 @@ TEST_F(ConnectorMgr, FiniWithLiveFacadesLeavesTheirDescriptorsToThem)
     const std::set<int> threads = Threads();
     StartAsking();
     const auto pOpen = MakeConnector(1);
+    const auto pKept = MakeConnector(3);
     HangingListener hanging;
     TestConnector queued(2, hanging.Port());
     queued.SetConnTimeOut(1);
     ASSERT_EQ(pOpen->Register(), 0);
     ASSERT_EQ(queued.Register(), 0);
+    ASSERT_EQ(pKept->Register(), 0);
     ASSERT_TRUE(WaitOpened(*pOpen, 1));
+    ASSERT_TRUE(WaitOpened(*pKept, 1));
     tarnadapter::Fini();
     EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; })); // the kernel lists them a little longer
-    EXPECT_EQ(element.Open(), 1);
+    EXPECT_EQ(element.Open(), 2);
     EXPECT_EQ(pOpen->Impl()->GetRefCount(), 2);
     EXPECT_EQ(host.CountContaining(1, "While ~TarnConnectorMgrImpl ,target is not Unregisted! groupid = 1"),
-              2);
+              3);
     EXPECT_EQ(pOpen->DisConnect(), 0);
-    EXPECT_TRUE(WaitUntil([&] { return element.Open() == 0; }));
-    // The library may be started anew, and the facade be used again.
-    Start();
+    EXPECT_TRUE(WaitUntil([&] { return element.Open() == 1; }));
+    // The library may be started anew, and the facades be used again, also one that is still open.
+    StartAsking();
+    ASSERT_EQ(pKept->Register(true, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] { return pKept->nOpened == 2; }));
+    EXPECT_TRUE(Asks(*pKept, 1));
+    EXPECT_EQ(pKept->UnRegister(), 0);
     ASSERT_EQ(pOpen->Register(), 0);
     EXPECT_TRUE(WaitUntil([&] { return pOpen->nOpened == 2; }));
     EXPECT_EQ(pOpen->UnRegister(), 0);
     EXPECT_TRUE(WaitUntil([&] { return pOpen->Impl()->IsUnused(); }));
+}
+
+TEST_F(ConnectorMgr, FiniEndsAttemptsWithoutAnEngine)
+{
+    const std::set<int> threads = Threads();
+    ASSERT_EQ(tarnadapter::Init(), 0);
+    TestConnector connector(1, 1); // nobody listens there
+    ASSERT_EQ(connector.Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail") > 0; }));
+    tarnadapter::Fini();
+    EXPECT_TRUE(WaitUntil([&] { return Threads() == threads; }));
+    EXPECT_EQ(Mgr::Existing(), nullptr);
+    EXPECT_EQ(connector.GetConnState(), STATE_DISCONNECTED);
+}
+
+TEST_F(ConnectorMgr, FiniEndsTheAttemptsOfAMessagesHandler)
+{
+    Start();
+    TestConnector absent(2, 1); // nobody listens there
+    std::atomic<int> iRegistered{1};
+    pAdapter->onAnswer = [&](FrameMessage&) { iRegistered = absent.Register(true, 1'000'000); };
+    const auto pConnector = MakeConnector(1);
+    pConnector->onOpened = [&] { pConnector->Send(1, "go"); };
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail") > 0; }));
+    tarnadapter::Fini();
+    EXPECT_NE(iRegistered, 1);
 }
 
 } // namespace

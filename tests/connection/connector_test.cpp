@@ -134,6 +134,26 @@ TEST_F(Connector, TheTypeMayChangeWhileTheConnectorIsInUse)
     EXPECT_EQ(pConnector->nOverlaps, 0);
 }
 
+TEST_F(Connector, TheTypeMayChangeInUseAlsoWithoutTheLibrary)
+{
+    TarnConnector connector(TCP_TYPE);
+    std::atomic<bool> bEnd{false};
+    RunTogether(3, [&](int iThread) {
+        if (iThread == 0)
+        {
+            for (int i = 0; i < StressRounds(1000); ++i)
+                EXPECT_EQ(connector.InitCommuProtocolType(TCP_TYPE), 0);
+            bEnd = true;
+        }
+        ECommuProtocolType eType = UNKOWN_TYPE;
+        unsigned long ulNumber = 0;
+        unsigned short usPort = 0;
+        std::string strText;
+        while (!bEnd)
+            EXPECT_TRUE(connector.GetCommuPara(eType, ulNumber, usPort, strText, strText, strText, ulNumber));
+    });
+}
+
 TEST_F(Connector, AHandleIsTakenAndGivenAsTheStateSays)
 {
     const SocketPair pair;
