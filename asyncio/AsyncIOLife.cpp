@@ -80,12 +80,13 @@ TEAsyncIOMgrImpl::TEAsyncIOMgrImpl() = default;
 
 int TEAsyncIOMgrImpl::Init()
 {
-    {
-        const std::lock_guard<std::mutex> guard(m_InitMutex);
-        if (m_bInitialised)
-            return 0;
-        m_bInitialised = true;
-    }
+    // Whoever comes second finds it complete. None of the threads started here asks for it before.
+    std::call_once(m_InitOnce, [this] { InitOnce(); });
+    return 0;
+}
+
+void TEAsyncIOMgrImpl::InitOnce()
+{
     // What is created on first use under ACE's static lock is created before there are threads: the stop may
     // hold that lock while it waits for them.
     TarnConnectorMgr::Instance();
@@ -98,7 +99,6 @@ int TEAsyncIOMgrImpl::Init()
     CreateResponseQueue();
     CreateReportQueue();
     m_ThreadStart.WaitFor(m_nSpawned);
-    return 0;
 }
 
 void TEAsyncIOMgrImpl::CreateIOReactor()

@@ -98,7 +98,10 @@ bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector, const std::
     const bool bBounded = HandlerCall::Current() != nullptr || !TarnConnectorMgrImpl::IsConnectThread();
     for (int iPoll = 1; !connector.IsServed() && !connector.WaitForOldCalls(POLL); ++iPoll)
     {
-        if (m_RegisterGate.IsShut() || (bBounded && iPoll >= MAX_POLLS))
+        const TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
+        if (m_RegisterGate.IsShut() || pConnectorMgr == nullptr)
+            return false;
+        if (bBounded ? iPoll >= MAX_POLLS : pConnectorMgr->AreThreadsToEnd())
             return false;
         if (pOnlySession != nullptr && connector.OpenSession() != *pOnlySession)
             return false;
@@ -255,8 +258,10 @@ void TEAsyncIOMgrImpl::RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& c
 {
     TEIOReactor* pReactor = m_pReactorImpl;
     errno = ENOTSUP;
-    const int iResult =
-        pReactor != nullptr ? pReactor->remove_handler(handle, ACE_Event_Handler::ALL_EVENTS_MASK) : -1;
+    // Without the reference, who is registered under the number is somebody else.
+    const int iResult = pReactor != nullptr && connector.IsReferredToByReactor()
+                            ? pReactor->remove_handler(handle, ACE_Event_Handler::ALL_EVENTS_MASK)
+                            : -1;
     if (iResult != 0)
         TarnAdapterFrmtTrace(1, "UnregisterHandle,remove_handler error,handle = 0x%x,iRet = %d,errno = %d\n",
                              handle, iResult, errno);
@@ -265,12 +270,15 @@ void TEAsyncIOMgrImpl::RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& c
 
 void TEAsyncIOMgrImpl::ReportDropped(TarnConnectorImpl& connector)
 {
-    TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
-    {
+    const bool bNoted = WithMemory("TEAsyncIOMgrImpl::ReportDropped", false, [&] {
         const std::lock_guard<std::mutex> guard(m_DroppedMutex);
         m_Dropped.push_back(&connector);
+        TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
         m_bDropped = true;
-    }
+        return true;
+    });
+    if (!bNoted)
+        return;
     if (ACE_Reactor* pReactor = m_pReactor)
         pReactor->notify(); // whoever waits there now comes by BreakDropped
 }

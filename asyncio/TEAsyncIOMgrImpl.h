@@ -89,6 +89,7 @@ private:
     ~TEAsyncIOMgrImpl() override;
 
     // Start
+    void InitOnce();
     void CreateIOReactor();
     void CreateTimerReactor();
     void ScheduleRecycler();
@@ -129,9 +130,7 @@ private:
     void RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& connector);
     void BreakDropped();
 
-    std::mutex m_InitMutex;
-    bool m_bInitialised = false; // guarded by m_InitMutex
-
+    std::once_flag m_InitOnce;
     std::once_flag m_StopOnce;
     // Registrations are let in until the stop.
     StopGate m_RegisterGate{"TEAsyncIOMgrImpl::Stop"};

@@ -47,7 +47,7 @@ bool TarnConnectorMgrImpl::TryConnectTarget(TarnConnectorImpl* pConnector, int n
         if (pConnector->IsUnwanted())
         {
             TarnAdapterFrmtTrace(1, "EXIT_CONNECT FLAG = true,before connect;\n");
-            pConnector->SetDisconnectedUnlessOpen();
+            pConnector->SetDisconnectedIfConnected();
             return nFailed == 0;
         }
         if (pConnector->Connect() == 0)
@@ -58,7 +58,7 @@ bool TarnConnectorMgrImpl::TryConnectTarget(TarnConnectorImpl* pConnector, int n
         ++nFailed;
         if (pConnector->IsUnwanted())
         {
-            pConnector->SetDisconnectedUnlessOpen();
+            pConnector->SetDisconnectedIfConnected();
             return false;
         }
         // The stop waits for this thread if it is one of the library's.

@@ -215,7 +215,7 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     // What has happened is told as long as the connector can be found.
     while (MayWaitForHooks() && !(*pin)->WaitForHooks(HOOK_POLL))
         LogHookWait();
-    if (RemoveConnector(key, pConnector))
+    if (RemoveConnector(key, pConnector, *pin->Get()))
         WaitForHooks(*pConnector);
     else // another thread has been faster, and may have destroyed the connector
         TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
@@ -224,12 +224,13 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     return 0;
 }
 
-/// @return false when another thread has been faster; the key may be another connector's by now
-bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector)
+/// @return false when another thread has been faster; the key may be another connector's by now, or registered anew
+bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector,
+                                           const TarnConnectorImpl& connection)
 {
     const TarnWriteGuard guard(m_RegistryLock);
     const auto it = m_mapConnector.find(key);
-    if (it == m_mapConnector.end() || it->second != pConnector)
+    if (it == m_mapConnector.end() || it->second != pConnector || !connection.IsLeaving())
         return false;
     m_mapConnector.erase(it);
     return true;

@@ -164,6 +164,7 @@ public:
     /// closed while another thread takes the same out, so whoever comes first releases it.
     void TakeReactorReference();
     void ReleaseReactorReference();
+    bool IsReferredToByReactor() const { return m_bReactorReference; }
     /// The references of the registry and the reactor of an engine that is gone: nobody will ever release them.
     /// The open session may be served and announced anew.
     void AbandonReferences();

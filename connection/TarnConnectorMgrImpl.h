@@ -91,6 +91,8 @@ public:
 
     /// The engine is being stopped: from now on no connect thread takes work, and no caller repeats attempts.
     void BeginStop();
+    /// Connect threads are to end, for good or until they are resumed.
+    bool AreThreadsToEnd() const { return m_bExit; }
     /// True on the connect threads.
     static bool IsConnectThread();
     /// Ends the connect threads for good and waits for them.
@@ -114,8 +116,8 @@ private:
     int OpenRegistered(TarnConnectorImpl* pConnector, bool bWait, int iWaitConnectCount);
     bool WaitConnectTarget(TarnConnectorImpl* pConnector, int nAttempts);
     bool TryConnectTarget(TarnConnectorImpl* pConnector, int nAttempts, int& nMade);
-    bool RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector)
-        TARN_EXCLUDES(m_RegistryLock);
+    bool RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector,
+                         const TarnConnectorImpl& connection) TARN_EXCLUDES(m_RegistryLock);
     static void AcquireUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static void ReleaseUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static bool MayWaitForHooks();

@@ -643,6 +643,36 @@ TEST_F(ConnectionCore, ACallOfTheLastOpeningAndANewRegistrationDoNotMeet)
     EXPECT_EQ(pConnector->nDisorder, 0);
 }
 
+TEST_F(ConnectionCore, ConnectThreadsStopAlsoWhileTheyWaitForAnOldCall)
+{
+    StartKeeping();
+    std::promise<void> inside;
+    std::promise<void> goOn;
+    std::atomic<bool> bFirst{true};
+    pAdapter->onFraming = [&](ACE_HANDLE) {
+        if (!bFirst.exchange(false))
+            return;
+        inside.set_value();
+        goOn.get_future().wait();
+    };
+    const auto pConnector = MakeConnector(1);
+    pConnector->onOpened = [&] { pConnector->Send(1, "hello"); };
+    ASSERT_EQ(pConnector->Register(), 0);
+    inside.get_future().wait();
+    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] {
+        return host.CountContaining(3, "RegisterHandle, waiting for a call of the last registration\n") > 0;
+    }));
+    EXPECT_EQ(Manager().StopConnectThreads(), 0); // though the old call goes on
+    goOn.set_value();
+    EXPECT_EQ(Manager().ResumeConnectThreads(), 0);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->Impl()->IsServed(); }));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nDisorder, 0);
+}
+
 TEST_F(ConnectionCore, ADescriptorClosedBehindTheLibrarysBackIsABreak)
 {
     StartKeeping();

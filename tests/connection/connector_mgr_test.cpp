@@ -395,11 +395,15 @@ TEST_F(ConnectorMgr, UnregisteringWaitsForAHookOnAnotherThread)
     EXPECT_EQ(unregistered.get(), 0);
 }
 
-TEST_F(ConnectorMgr, UnregisteringLeavesTheNextOwnerOfTheKeyAlone)
+class ConnectorMgrKey : public ConnectorMgr, public testing::WithParamInterface<bool>
+{};
+INSTANTIATE_TEST_SUITE_P(BySameFacade, ConnectorMgrKey, testing::Bool());
+
+TEST_P(ConnectorMgrKey, UnregisteringLeavesWhatIsRegisteredMeanwhileAlone)
 {
     Start();
-    const auto pFirst = MakeConnector(1);
-    const auto pSecond = MakeConnector(1);
+    const std::shared_ptr<TestConnector> pFirst = MakeConnector(1);
+    const std::shared_ptr<TestConnector> pSecond = GetParam() ? pFirst : MakeConnector(1);
     std::promise<void> inside;
     std::promise<void> goOn;
     pFirst->onBroken = [&] {
@@ -407,6 +411,7 @@ TEST_F(ConnectorMgr, UnregisteringLeavesTheNextOwnerOfTheKeyAlone)
         goOn.get_future().wait();
         EXPECT_EQ(pFirst->UnRegister(), 0);
         EXPECT_EQ(pSecond->Register(), 0);
+        pFirst->onBroken = {};
     };
     ASSERT_EQ(pFirst->Register(), 0);
     ASSERT_TRUE(WaitOpened(*pFirst, 1));
@@ -416,7 +421,7 @@ TEST_F(ConnectorMgr, UnregisteringLeavesTheNextOwnerOfTheKeyAlone)
     ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(3, "waiting for a hook to return") > 0; }));
     goOn.set_value();
     EXPECT_EQ(unregistered.get(), 0);
-    EXPECT_TRUE(WaitOpened(*pSecond, 1));
+    EXPECT_TRUE(WaitOpened(*pSecond, GetParam() ? 2 : 1));
     EXPECT_EQ(pSecond->UnRegister(), 0);
 }
 
