@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <utility>
 
 namespace {
 
@@ -89,6 +90,43 @@ public:
 
 private:
     std::string m_strRecord;
+};
+
+/// A connection whose descriptor the test closes as a transport does.
+class ShuttingConnection : public CountingConnection
+{
+public:
+    void Shut()
+    {
+        const TarnGuard guard(m_OpenMutex);
+        const int iHandle = GetHandle();
+        EXPECT_EQ(CloseDescriptor([iHandle] { return close(iHandle); }), 0);
+    }
+};
+
+/// A connection that is opened anew, by another thread say, after its first piece has been sent.
+class ReopenedConnection : public ShuttingConnection
+{
+public:
+    explicit ReopenedConnection(int iNext)
+        : m_iNext(iNext)
+    {}
+    int SendData(const char* pBuf, int iLength) override
+    {
+        const bool bFirst = nSends == 0;
+        const int iSent = CountingConnection::SendData(pBuf, bFirst ? FIRST_PIECE : iLength);
+        if (bFirst)
+        {
+            Shut();
+            set_handle(m_iNext);
+        }
+        return iSent;
+    }
+
+    static constexpr int FIRST_PIECE = 30'000;
+
+private:
+    const int m_iNext;
 };
 
 /// Connections over socket pairs that the test opens and closes (AUTO_CONNECT clear), with one response thread,
@@ -341,6 +379,90 @@ TEST_F(ConnectionCore, BadThingsToSendAreRefused)
     EXPECT_EQ(pair.Receive(1), "y");
     EXPECT_EQ(connector.UnRegister(), 0);
     EXPECT_EQ(AsyncIO().SendToOutBuffer(pair.iNear, "x", 1), 0x10000010);
+    SocketPair halfPair;
+    halfPair.CloseFar();
+    CountingConnection half;
+    half.set_handle(halfPair.iNear);
+    EXPECT_EQ(half.SendData("x", 1), -1); // on a thread that does not block SIGPIPE
+    EXPECT_EQ(errno, EPIPE);
+    half.set_handle(ACE_INVALID_HANDLE);
+}
+
+TEST_F(ConnectionCore, ANumbersNextOwnerIsNotTouched)
+{
+    ShuttingConnection connection;
+    std::atomic<bool> bEnd{false};
+    std::atomic<int> nStray{0};
+    std::atomic<int> nHidden{0};
+    RunTogether(7, [&](int iThread) {
+        char received[64];
+        if (iThread == 0)
+        {
+            for (int i = 0; i < StressRounds(1500); ++i)
+            {
+                SocketPair pair;
+                connection.set_handle(pair.iNear);
+                connection.Shut();
+                pair.iNear = -1;
+                const SocketPair next; // under the same number, as a rule
+                EXPECT_EQ(send(next.iFar, "kept", 4, 0), 4);
+                std::this_thread::yield();
+                nHidden += recv(next.iNear, received, sizeof(received), 0) == 4 ? 0 : 1;
+                nStray += recv(next.iFar, received, sizeof(received), 0) > 0 ? 1 : 0;
+            }
+            bEnd = true;
+        }
+        while (!bEnd)
+        {
+            if (iThread % 2 == 0)
+                connection.SendData("s", 1);
+            else
+                connection.RecvData(received, sizeof(received));
+        }
+    });
+    EXPECT_EQ(nHidden, 0); // read by somebody who meant the connection
+    EXPECT_EQ(nStray, 0);
+}
+
+TEST_F(ConnectionCore, ACallOfTheLastOpeningDoesNotTouchTheNextDescriptor)
+{
+    host.SetCfg("nAsyncIOThreadNum", "0");
+    StartKeeping();
+    SocketPair first;
+    const SocketPair second;
+    ReopenedConnection connection(second.iNear);
+    connection.set_handle(std::exchange(first.iNear, -1)); // it closes it
+    const ACE_HANDLE firstHandle = connection.GetHandle();
+    ASSERT_EQ(AsyncIO().RegisterHandle(&connection), 0);
+    second.Send(Element::Frame(1, "for the next call"));
+    const std::string strOut(60'000, 'w');
+    EXPECT_EQ(connection.AddAndSendData(strOut.data(), static_cast<int>(strOut.size())), 0);
+    EXPECT_EQ(connection.handle_output(firstHandle), 0);
+    EXPECT_EQ(connection.GetHandle(), second.iNear);
+    EXPECT_EQ(Frames().size(), 0U);
+    char received = 0;
+    EXPECT_EQ(recv(second.iFar, &received, 1, 0), -1);
+    EXPECT_EQ(AsyncIO().RegisterHandle(&connection), 0);
+    EXPECT_EQ(connection.handle_output(second.iNear), 0); // what is left, and a look
+    EXPECT_EQ(connection.handle_input(second.iNear), 0);
+    ASSERT_TRUE(WaitFrames(1));
+    EXPECT_EQ(first.Receive(strOut.size()).size(), ReopenedConnection::FIRST_PIECE);
+    EXPECT_EQ(second.Receive(strOut.size() - ReopenedConnection::FIRST_PIECE).size(),
+              strOut.size() - ReopenedConnection::FIRST_PIECE);
+    EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
+    connection.set_handle(ACE_INVALID_HANDLE);
+}
+
+TEST_F(ConnectionCore, NothingIsRegisteredOnceTheEngineStops)
+{
+    StartKeeping();
+    const SocketPair pair;
+    TestConnector connector(1);
+    AsyncIO().Stop();
+    EXPECT_EQ(Serve(connector, pair), ADAPTER_ERR_REACTOR);
+    EXPECT_EQ(host.CountContaining(1, "RegisterHandle refused, the engine is being stopped"), 1);
+    EXPECT_EQ(connector.Impl()->GetRefCount(), 0);
+    EXPECT_EQ(connector.UnRegister(), 0);
 }
 
 TEST_F(ConnectionCore, AFullOutQueueRefusesAndLosesNothing)

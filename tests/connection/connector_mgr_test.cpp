@@ -269,6 +269,25 @@ TEST_F(ConnectorMgr, RequestsEndAndRenewTheAttempts)
     EXPECT_EQ(pConnector->UnRegister(), 0);
 }
 
+TEST_F(ConnectorMgr, ARequestThatComesWhileTheConnectionIsBeingClosedIsMadeUpFor)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    // An attempt that succeeds too late is closed again.
+    host.StepIn("Connectted Target", [&] { pConnector->SetControlFlag(7 | EXIT_CONNECT); });
+    host.StepIn("Close Connect", [&] { EXPECT_EQ(Manager().RequestConnect(1, 1), 0); });
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    EXPECT_EQ(element.Accepted(), 2);
+    EXPECT_EQ(host.CountContaining(1, "UnregisterHandle"), 0); // it was not served yet
+    // A closing that was asked for.
+    host.StepIn("Close Connect", [&] { EXPECT_EQ(Manager().RequestConnect(1, 1), 0); });
+    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+    EXPECT_TRUE(WaitOpened(*pConnector, 2));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nDisorder, 0);
+}
+
 TEST_F(ConnectorMgr, AnAttemptUnderWayIsWaitedFor)
 {
     Start();

@@ -18,6 +18,7 @@ struct State
     std::vector<LogLine> lines;
     std::map<std::string, std::string> cfg;
     std::vector<std::string> keys;
+    std::vector<std::pair<std::string, std::function<void()>>> steps;
     std::atomic<bool> bAppExit{false};
 };
 
@@ -32,8 +33,21 @@ bool TakeLine(const std::string& strModule, TarnLogLevel eLevel, const char* psz
 {
     EXPECT_EQ(pAsnValue, nullptr);
     State& state = TheState();
-    const std::lock_guard<std::mutex> guard(state.mutex);
-    state.lines.push_back({strModule, eLevel, pszText, bPrint, bLog});
+    std::function<void()> step;
+    {
+        const std::lock_guard<std::mutex> guard(state.mutex);
+        state.lines.push_back({strModule, eLevel, pszText, bPrint, bLog});
+        const auto it = std::find_if(state.steps.begin(), state.steps.end(), [&](const auto& each) {
+            return state.lines.back().strText.find(each.first) != std::string::npos;
+        });
+        if (it != state.steps.end())
+        {
+            step = std::move(it->second);
+            state.steps.erase(it);
+        }
+    }
+    if (step)
+        step();
     return true;
 }
 
@@ -70,6 +84,7 @@ TestHost::TestHost()
     state.lines.clear();
     state.cfg.clear();
     state.keys.clear();
+    state.steps.clear();
     state.bAppExit = false;
     TarnInstallLogSink(&TakeLine);
     TarnInstallCfgLookup(&LookUpCfg);
@@ -98,6 +113,12 @@ std::vector<std::string> TestHost::LookedUpKeys() const
 void TestHost::SetAppExit(bool bExit)
 {
     TheState().bAppExit = bExit;
+}
+
+void TestHost::StepIn(const std::string& strText, std::function<void()> step)
+{
+    const std::lock_guard<std::mutex> guard(TheState().mutex);
+    TheState().steps.emplace_back(strText, std::move(step));
 }
 
 std::vector<LogLine> TestHost::Lines() const

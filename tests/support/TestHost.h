@@ -34,6 +34,10 @@ public:
 
     void SetAppExit(bool bExit);
 
+    /// Runs a step of the test's, once, on the thread that next logs a line with this text: at a place inside the
+    /// library where another thread might come in between. The library may hold locks there.
+    void StepIn(const std::string& strText, std::function<void()> step);
+
     std::vector<LogLine> Lines() const;
     void ClearLines();
     /// How many lines have exactly this text and level.
