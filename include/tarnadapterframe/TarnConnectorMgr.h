@@ -23,21 +23,22 @@ public:
     /// connect thread, and kept open; with AUTO_CONNECT clear it must be open already, and its bytes are read
     /// and written from now on.
     ///
-    /// Give a connection with AUTO_CONNECT closed: an open one is served only with `bWait` true. One that RequestDisConnect has
-    /// closed needs `bWait` false or a later RequestConnect to be opened again.
+    /// Give a connection with AUTO_CONNECT closed: an open one is served only with `bWait` true. One that
+    /// RequestDisConnect has closed needs `bWait` false or a later RequestConnect to be opened again.
     /// @param pConnector         not owned; it must stay alive until it is unregistered
     /// @param bWait              try to connect on this thread first, for at most 4 seconds an attempt and
-    ///                           with a second's pause after each
+    ///                           with a second's pause after each; ended by tarnadapter::Fini
     /// @param iWaitConnectCount  attempts then, at least 1; when all have failed the connection is queued
     /// @return 0 open, queued, or failed with `bNoNeReconnect` set. -1 refused, or the key is taken. Any
-    ///         failure after the key was entered (AUTO_CONNECT clear: the codes of EAdapterError, too) leaves
-    ///         the connector registered: unregister it
+    ///         failure after the key was entered leaves the connector registered: unregister it. AUTO_CONNECT
+    ///         clear: the codes of EAdapterError, too; ADAPTER_ERR_REACTOR also when a call that was made for the
+    ///         last registration does not return within 5 seconds
     virtual int RegisterConnector(TarnConnector* pConnector, bool bWait, int iWaitConnectCount) = 0;
 
     /// Takes a connector out: closes its connection (AUTO_CONNECT set) or stops serving its handle (clear), and
     /// waits until no other thread is inside a hook of it, so that it may be destroyed afterwards. Called
     /// inside a hook or a framing call, of whichever connector, it does not wait: destroy the connector later
-    /// then.
+    /// then. Nothing that a hook waits for may wait for the caller.
     ///
     /// While a connect thread is inside an attempt this waits for it, for the connect timeout at most.
     /// @return 0; -1 when the key is not registered, or group id below 0
