@@ -44,14 +44,28 @@ int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
     return WithMemory("TEAdapterManager::RegisterMessage", -1, [&] {
         const TarnGuard guard(m_MsgMapMtx);
         auto it = m_mapMsgInfo.find(sourceUnit);
-        if (it == m_mapMsgInfo.end())
+        const bool bNewSource = it == m_mapMsgInfo.end();
+        if (bNewSource)
         {
             TarnAdapterFrmtTrace(3, "TEAdapterManager::RegisterMessage, cannot find source msg in the map\n");
             it = m_mapMsgInfo.try_emplace(sourceUnit).first;
             it->second.pSource = pSource;
         }
-        it->second.AddSinkMessage(sinkUnit);
-        m_mapSinkToSource.try_emplace(sinkUnit, sourceUnit);
+        bool bNewLink = false;
+        try
+        {
+            bNewLink = m_mapSinkToSource.try_emplace(sinkUnit, sourceUnit).second;
+            it->second.AddSinkMessage(sinkUnit);
+        }
+        catch (...)
+        {
+            // Whoever is told that it failed may delete both messages.
+            if (bNewLink)
+                m_mapSinkToSource.erase(sinkUnit);
+            if (bNewSource)
+                m_mapMsgInfo.erase(it);
+            throw;
+        }
         return 0;
     });
 }
@@ -77,6 +91,7 @@ int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
     }
     for (const TEMessageUnit& sinkUnit : it->second.lstSinkUnit)
         m_mapSinkToSource.erase(sinkUnit);
+    ++m_uErasedInfos;
     // Out of the map before it is destroyed: the destructor of a message that it owns may come back here.
     const auto node = m_mapMsgInfo.extract(it);
     return 0;
@@ -163,6 +178,7 @@ int TEAdapterManager::EraseFromInfoMap(MapMsgInfo::iterator it)
         TarnAdapterFrmtTrace(2, "TEAdapterManager::EraseFromInfoMap fail, input para it=end\n");
         return -1;
     }
+    ++m_uErasedInfos;
     const auto node = m_mapMsgInfo.extract(it); // as in UnRegisterSourceMessage
     return 0;
 }

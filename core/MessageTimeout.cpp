@@ -9,6 +9,7 @@
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/tarnbaseutil.h"
 
+#include <iterator>
 #include <utility>
 
 TEMessageTimer::TEMessageTimer()
@@ -23,10 +24,9 @@ int TEMessageTimer::handle_timeout(const ACE_Time_Value& currentTime, const void
 
 int TEAdapterManager::HandleTimeOut(const ACE_Time_Value& /*currentTime*/, const void* /*pArg*/)
 {
-    if (TarnAppIsExit())
-        return 0;
-    const StopGate::Pass pass(*m_pStopGate);
-    if (!pass)
+    // First of all: the stop must not pass while the host is asked, who may be the first to use some singleton.
+    const StopGate::Pass pass(*m_pTickGate);
+    if (!pass || TarnAppIsExit())
         return 0;
 
     MapMsgInfo mapExpired;
@@ -49,12 +49,12 @@ int TEAdapterManager::HandleTimeOut(const ACE_Time_Value& /*currentTime*/, const
 void TEAdapterManager::CollectExpired(MapMsgInfo& mapExpired)
 {
     const TarnGuard guard(m_MsgMapMtx);
-    auto it = m_mapMsgInfo.begin();
-    while (it != m_mapMsgInfo.end())
+    for (auto it = m_mapMsgInfo.begin(); it != m_mapMsgInfo.end();)
     {
-        if (!HasExpiredLocked(it->second))
+        const TEMessageUnit unit = it->first;
+        if (!IsAsynchronousLocked(it) || !HasExpiredLocked(it->second))
         {
-            ++it;
+            it = it != m_mapMsgInfo.end() ? std::next(it) : m_mapMsgInfo.upper_bound(unit);
             continue;
         }
         TarnAdapterFrmtTrace(2, "HandleTimeOut() del %s[0x%x]\n", ClassName(*it->second.pSource),
@@ -63,7 +63,6 @@ void TEAdapterManager::CollectExpired(MapMsgInfo& mapExpired)
         // The record itself moves over: nothing is copied and nothing can fail for want of memory. The
         // destructor of a message that it owns may change the map, which therefore is searched anew for the
         // next record.
-        const TEMessageUnit unit = it->first;
         auto node = m_mapMsgInfo.extract(it);
         node.mapped().DeleteOwnedMessage();
         mapExpired.insert(std::move(node));
@@ -71,19 +70,28 @@ void TEAdapterManager::CollectExpired(MapMsgInfo& mapExpired)
     }
 }
 
-// Takes one tick off the remaining time of a record's source if it is an asynchronous one. True when it has
-// run out.
-bool TEAdapterManager::HasExpiredLocked(TEMessageInfo& info)
+// Whether a record's source is an asynchronous one. The source is asked, which may change the map: afterwards `it`
+// stands at the record again, or at the end when the record is gone.
+bool TEAdapterManager::IsAsynchronousLocked(MapMsgInfo::iterator& it)
 {
-    if (info.pSource == nullptr)
+    TEMessage* pSource = it->second.pSource;
+    if (pSource == nullptr)
     {
         TarnAdapterFrmtTrace(1, "TEAdapterManager::HandleTimeOut, warning, pSrcMessage=NULL! \n ");
         return false;
     }
+    const TEMessageUnit unit = it->first;
+    const std::uint64_t uErased = m_uErasedInfos;
     EMessageSyncFlag eSyncFlag = SYNC_MESSAGE;
-    CallApplication("GetSyncFlag", typeid(*info.pSource), [&] { eSyncFlag = info.pSource->GetSyncFlag(); });
-    if (eSyncFlag != ASYNC_MESSAGE)
-        return false;
+    CallApplication("GetSyncFlag", typeid(*pSource), [&] { eSyncFlag = pSource->GetSyncFlag(); });
+    if (m_uErasedInfos != uErased)
+        it = m_mapMsgInfo.find(unit);
+    return it != m_mapMsgInfo.end() && it->second.pSource == pSource && eSyncFlag == ASYNC_MESSAGE;
+}
+
+// Takes one tick off the remaining time of a record's source. True when it has run out.
+bool TEAdapterManager::HasExpiredLocked(TEMessageInfo& info)
+{
     info.nTimeOut = info.pSource->CountDown(TEMessageTimer::TICK_SECONDS);
     return info.nTimeOut < 0;
 }

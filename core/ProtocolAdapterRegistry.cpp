@@ -7,6 +7,8 @@
 #include "tarnadapterframe/TarnProtocolAdapter.h"
 #include "tarnadapterframe/tarnbaseutil.h"
 
+#include <algorithm>
+
 int TEAdapterManager::RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr,
                                               bool bStartAsyncIO)
 {
@@ -71,7 +73,7 @@ bool TEAdapterManager::InsertProtocolAdapter(std::uint32_t ulProtocolID, TarnPro
 bool TEAdapterManager::RequestAsyncIO()
 {
     // Once the stop has begun nothing is started any more: it would outlive its own stop.
-    const StopGate::Pass pass(*m_pStopGate);
+    const StopGate::Pass pass(*m_pStartGate);
     if (!pass)
         return false;
     if (!s_bStarted)
@@ -162,7 +164,8 @@ void TEAdapterManager::DeleteProtocolAdapters()
     {
         TarnAdapterFrmtTrace(1, "while ~TEAdapterManager,protocol(ID=%d) has not unregist",
                              AsInt(entry.first));
-        DeleteIfOwned(entry.second);
+        if (!IsRegistered(entry.second)) // under another id
+            DeleteIfOwned(entry.second);
     }
     for (AdapterEntry entry = TakeRetired(); entry.second != nullptr; entry = TakeRetired())
         DeleteIfOwned(entry.second);
@@ -190,6 +193,13 @@ TEAdapterManager::AdapterEntry TEAdapterManager::TakeRetired()
 {
     const TarnGuard guard(m_RegistryMutex);
     return TakeFirst(m_mapRetiredAdapter);
+}
+
+bool TEAdapterManager::IsRegistered(const TarnProtocolAdapter* pAdapter)
+{
+    const TarnGuard guard(m_RegistryMutex);
+    return std::any_of(m_mapProtocolAdapter.begin(), m_mapProtocolAdapter.end(),
+                       [pAdapter](const auto& entry) { return entry.second == pAdapter; });
 }
 
 TarnProtocolAdapter* TEAdapterManager::FirstOwned()

@@ -4,6 +4,12 @@
 
 #include <chrono>
 
+void StopGate::Shut()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bShut = true;
+}
+
 void StopGate::ShutAndWait()
 {
     std::unique_lock<std::mutex> lock(m_Mutex);

@@ -39,6 +39,8 @@ public:
         const bool m_bInside;
     };
 
+    /// Shuts the gate for good, without waiting.
+    void Shut();
     /// Shuts the gate for good and waits until nobody is inside, with a line in the log every second. Not to be
     /// called by somebody inside, nor with a lock held that they may want.
     void ShutAndWait();

@@ -19,6 +19,7 @@
 #include <new>
 
 std::atomic<TEAdapterManager*> TEAdapterManager::m_pInstance{nullptr};
+std::atomic<bool> TEAdapterManager::s_bDestroying{false};
 std::atomic<bool> TEAdapterManager::s_bStarted{false};
 std::atomic<bool> TEAdapterManager::s_bAsyncIOPending{false};
 
@@ -49,11 +50,15 @@ void TEAdapterManager::Destroy()
     TEAdapterManager* pManager = m_pInstance.load(std::memory_order_acquire);
     if (pManager == nullptr)
         return;
+    if (s_bDestroying.exchange(true))
+        return;
     // Before the lock is taken: a tick or a hook under way may be the first to use some singleton, and so may
-    // want it.
-    pManager->m_pStopGate->ShutAndWait();
+    // want it. A tick may also wait for room in a queue, until asynchronous I/O lets it go.
+    pManager->m_pStartGate->ShutAndWait();
+    pManager->m_pTickGate->Shut();
     if (s_bStarted && g_ManagerParts.pfnStopAsyncIO != nullptr)
         g_ManagerParts.pfnStopAsyncIO();
+    pManager->m_pTickGate->ShutAndWait();
     const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
     {
         ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
@@ -64,11 +69,13 @@ void TEAdapterManager::Destroy()
     }
     // After it is released: what runs at a thread's end is the application's, too.
     pTimerThreadsLeft->WaitUntilNone();
+    s_bDestroying = false;
 }
 
 TEAdapterManager::TEAdapterManager()
     : m_pTimerThreadsLeft(std::make_shared<ThreadsLeft>())
-    , m_pStopGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
+    , m_pStartGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
+    , m_pTickGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
 {
     if (g_ManagerParts.pfnBuiltInAdapter == nullptr)
         return;

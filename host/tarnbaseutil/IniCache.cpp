@@ -1,5 +1,7 @@
 #include "IniCache.h"
 
+#include "CancellationBlocked.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -92,6 +94,7 @@ struct Content
     FileIdentity identity;
     std::string strText;
     std::string strRefusal; ///< why strText is not to be used; empty: it is
+    bool bMayPass = false;  ///< the system refused, which it may not do again though the file stays as it is
 };
 
 /// Reads until the end or the size limit, whichever is first. @return errno value
@@ -135,8 +138,10 @@ bool ReadOnce(const std::string& strPath, Content& content)
         const int iError = errno;
         struct stat status = {};
         content.identity = stat(strPath.c_str(), &status) == 0 ? ToIdentity(status) : Failed(errno);
-        if (iError != ENOENT)
-            content.strRefusal = std::generic_category().message(iError);
+        if (iError == ENOENT)
+            return content.identity.iError == ENOENT; // or it has come meanwhile
+        content.strRefusal = std::generic_category().message(iError);
+        content.bMayPass = true;
         return true;
     }
     content.identity = ToIdentity(before);
@@ -147,6 +152,7 @@ bool ReadOnce(const std::string& strPath, Content& content)
     }
     const int iError = ReadText(file.Get(), content.strText);
     content.strRefusal = iError != 0 ? std::generic_category().message(iError) : TooLarge(content.strText);
+    content.bMayPass = iError != 0;
     if (!content.strRefusal.empty())
         content.strText.clear();
     return fstat(file.Get(), &after) == 0 && IsSameContent(content.identity, ToIdentity(after));
@@ -208,7 +214,7 @@ std::shared_ptr<const IniFile> ReloadLocked(CacheEntries& entries, const std::st
                        entry.content.identity.iError == content.identity.iError;
     if (!bSame)
         entry.pFile = ToIniFile(strPath, content);
-    entry.bSettled = IsSettled(content.identity);
+    entry.bSettled = !content.bMayPass && IsSettled(content.identity);
     entry.content = std::move(content);
     return entry.pFile;
 }
@@ -217,6 +223,7 @@ std::shared_ptr<const IniFile> ReloadLocked(CacheEntries& entries, const std::st
 
 std::shared_ptr<const IniFile> OpenIniFile(const std::string& strPath)
 {
+    const CancellationBlocked uncancelled; // closing a file is a place to be cancelled, and must not throw
     struct stat status = {};
     const FileIdentity now = stat(strPath.c_str(), &status) == 0 ? ToIdentity(status) : Failed(errno);
     const std::lock_guard<std::mutex> lock(g_CacheMutex);

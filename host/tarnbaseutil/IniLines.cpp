@@ -42,7 +42,7 @@ bool IsUtf8(std::string_view text)
 bool HasBadNameByte(std::string_view name)
 {
     return std::any_of(name.begin(), name.end(),
-                       [](unsigned char c) { return c < ' ' || c == '!' || c == 0x7F; });
+                       [](unsigned char c) { return c < ' ' || c == '!' || c >= 0x7F; });
 }
 
 std::string_view WithoutTrailingBlanks(std::string_view text)

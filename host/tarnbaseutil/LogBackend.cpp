@@ -1,13 +1,18 @@
 #include "LogBackend.h"
 
+#include "CancellationBlocked.h"
 #include "Configuration.h"
 #include "IniCache.h"
+#include "LogText.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <pthread.h>
-#include <thread>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -19,12 +24,11 @@ constexpr auto EXIT_FLUSH_TIME = std::chrono::seconds(2);
 constexpr auto REPORT_INTERVAL = std::chrono::milliseconds(100); ///< between reports while lines are dropped
 constexpr auto LINGER_TIME = std::chrono::milliseconds(100);
 constexpr auto LINGER_NAP = std::chrono::milliseconds(5);
-constexpr auto FORK_WAIT = std::chrono::seconds(1);
-constexpr auto FORK_NAP = std::chrono::milliseconds(1);
 
 // Held while the backend is started, and across each fork.
 std::mutex g_StartMutex;
 std::atomic<LogBackend*> g_pStarted{nullptr}; ///< changed under g_StartMutex
+thread_local std::size_t t_uThreadId = 0;     ///< 0: not asked for yet
 LogBackend* g_pInherited = nullptr;           ///< from the parent process, kept only as what is not leaked
 
 /// Blocks every signal for threads that are created meanwhile: the host's handlers do not run on the log
@@ -46,18 +50,13 @@ private:
     sigset_t m_Before = {};
 };
 
-/// Keeps a cancelled thread from being unwound out of code that others depend on.
-class CancellationBlocked
+/// The kernel's id of the calling thread. spdlog's own way keeps the parent's in a child process.
+std::size_t ThreadId()
 {
-public:
-    CancellationBlocked() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_iBefore); }
-    ~CancellationBlocked() { pthread_setcancelstate(m_iBefore, nullptr); }
-    CancellationBlocked(const CancellationBlocked&) = delete;
-    CancellationBlocked& operator=(const CancellationBlocked&) = delete;
-
-private:
-    int m_iBefore = PTHREAD_CANCEL_ENABLE;
-};
+    if (t_uThreadId == 0)
+        t_uThreadId = static_cast<std::size_t>(syscall(SYS_gettid));
+    return t_uThreadId;
+}
 
 /// A queued line carries its level and its route in the line number of its source position.
 int Pack(int iLevel, LogRoute route)
@@ -73,6 +72,19 @@ int LevelOf(const spdlog::details::log_msg& msg)
 LogRoute RouteOf(const spdlog::details::log_msg& msg)
 {
     return {(msg.source.line & 2) != 0, (msg.source.line & 1) != 0};
+}
+
+/// The end of the process does not wait for stderr either.
+void TellLinesLeft(std::uint64_t uLines)
+{
+    pollfd ready = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0)
+        return;
+    char szText[128];
+    const int iLength = std::snprintf(
+        szText, sizeof szText, "%s: the log stands still, about %llu lines are lost with the process\n",
+        BASEUTIL_TAG, static_cast<unsigned long long>(uLines));
+    WriteToStderr({szText, static_cast<std::size_t>(iLength)});
 }
 
 } // namespace
@@ -94,8 +106,8 @@ private:
     LogBackend& m_Backend;
 };
 
-/// Without these a fork in the midst of a start, a look-up or a write would leave the child with locks that
-/// nobody opens, and with lines in the file's buffer that its exit would write a second time.
+/// Without these a fork in the midst of a start or a look-up would leave the child with locks that nobody opens. What
+/// the log thread is at does not matter: the child makes a log of its own and does not touch the parent's.
 class LogBackend::ForkHandlers
 {
 public:
@@ -107,13 +119,10 @@ private:
     {
         g_StartMutex.lock();
         LockIniCache();
-        s_bWriterHeld = g_pStarted != nullptr && g_pStarted.load()->PrepareFork();
     }
 
     static void InParent()
     {
-        if (s_bWriterHeld)
-            g_pStarted.load()->m_WritingMutex.unlock();
         UnlockIniCache();
         g_StartMutex.unlock();
     }
@@ -123,31 +132,15 @@ private:
         if (g_pStarted != nullptr)
             g_pInherited = g_pStarted;
         g_pStarted = nullptr;
+        t_uThreadId = 0; // the child's only thread has another one
         UnlockIniCache();
         g_StartMutex.unlock();
     }
 
-    static bool s_bWriterHeld; ///< guarded by g_StartMutex
     static ForkHandlers s_Registered;
 };
 
-bool LogBackend::ForkHandlers::s_bWriterHeld = false;
 LogBackend::ForkHandlers LogBackend::ForkHandlers::s_Registered;
-
-/// Takes m_WritingMutex with nothing in the file's buffer. A disk that stands still does not hold the fork for
-/// long. @return false when the mutex has not been taken
-bool LogBackend::PrepareFork() noexcept
-{
-    const auto tEnd = std::chrono::steady_clock::now() + FORK_WAIT;
-    while (!m_WritingMutex.try_lock())
-    {
-        if (std::chrono::steady_clock::now() > tEnd)
-            return false;
-        std::this_thread::sleep_for(FORK_NAP);
-    }
-    m_Writer.Flush();
-    return true;
-}
 
 LogBackend& LogBackend::Instance()
 {
@@ -230,8 +223,8 @@ bool LogBackend::Post(const std::string& strTag, int iLevel, const char* pszText
     const bool bTaken = Enqueue(strTag, iKnownLevel, pszText, route);
     if (iKnownLevel <= TARN_LOG_ERROR)
         m_Hurry.notify_one(); // it may be the last line before a crash
-    if (m_bExiting && !m_bStalled && !Flush(ExitTimeLeft()))
-        m_bStalled = true;
+    if (m_bExiting && !m_bStalled)
+        FlushWhileExiting();
     return bTaken;
 }
 
@@ -243,10 +236,11 @@ bool LogBackend::Enqueue(const std::string& strTag, int iLevel, const char* pszT
         m_Hurry.notify_one(); // a burst
     try
     {
-        m_pQueue->post_log(std::shared_ptr<spdlog::async_logger>(m_pLogger),
-                           {spdlog::source_loc{nullptr, Pack(iLevel, route), nullptr},
-                            string_view_t(strTag.data(), strTag.size()), spdlog::level::info,
-                            string_view_t(pszText, std::strlen(pszText))},
+        spdlog::details::log_msg msg(spdlog::source_loc{nullptr, Pack(iLevel, route), nullptr},
+                                     string_view_t(strTag.data(), strTag.size()), spdlog::level::info,
+                                     string_view_t(pszText, std::strlen(pszText)));
+        msg.thread_id = ThreadId();
+        m_pQueue->post_log(std::shared_ptr<spdlog::async_logger>(m_pLogger), msg,
                            spdlog::async_overflow_policy::overrun_oldest);
         return true;
     }
@@ -278,8 +272,9 @@ bool LogBackend::Drop()
     return uDropped == 0;
 }
 
-bool LogBackend::Flush(std::chrono::milliseconds timeout)
+bool LogBackend::Flush(std::chrono::microseconds timeout)
 {
+    const CancellationBlocked uncancelled;
     const auto tDeadline = std::chrono::steady_clock::now() + timeout;
     const std::uint64_t uTarget = m_uPosted;
     ++m_uFlushers;
@@ -293,29 +288,29 @@ bool LogBackend::Flush(std::chrono::milliseconds timeout)
 
 void LogBackend::FlushAtExit()
 {
-    m_tExitDeadline = std::chrono::steady_clock::now() + EXIT_FLUSH_TIME;
     m_bExiting = true;
-    if (!Flush(ExitTimeLeft()))
-        m_bStalled = true;
+    FlushWhileExiting();
 }
 
-/// One limit for the whole exit: a log that moves slowly must not hold the process with every late line anew.
-std::chrono::milliseconds LogBackend::ExitTimeLeft() const
+/// One limit for all that is waited in the exit: a log that moves slowly must not hold the process with every late
+/// line anew. What the process does between its late lines does not count.
+void LogBackend::FlushWhileExiting()
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(m_tExitDeadline -
-                                                                 std::chrono::steady_clock::now());
+    using namespace std::chrono;
+    const auto tStart = steady_clock::now();
+    const bool bDone = Flush(EXIT_FLUSH_TIME - microseconds(m_iExitWaitedUs));
+    m_iExitWaitedUs += duration_cast<microseconds>(steady_clock::now() - tStart).count();
+    if (!bDone && !m_bStalled.exchange(true))
+        TellLinesLeft(m_uPosted - m_uDeparted);
 }
 
 void LogBackend::Handle(const spdlog::details::log_msg& msg) noexcept
 {
-    {
-        const std::lock_guard<std::mutex> lock(m_WritingMutex);
-        WriteQueued(msg);
-        ++m_uHandled;
-        m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
-        ReportDrops(); // after m_uDeparted is set, see Drop
-        FlushIfDue(LevelOf(msg) <= TARN_LOG_ERROR);
-    }
+    WriteQueued(msg);
+    ++m_uHandled;
+    m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
+    ReportDrops(); // after m_uDeparted is set, see Drop
+    FlushIfDue(LevelOf(msg) <= TARN_LOG_ERROR);
     Linger();
 }
 

@@ -42,7 +42,7 @@ public:
     bool Post(const std::string& strTag, int iLevel, const char* pszText, bool bPrint, bool bLog) noexcept;
 
     /// Waits until all lines of before have been written, flushed or counted. Any thread but the log's own.
-    bool Flush(std::chrono::milliseconds timeout);
+    bool Flush(std::chrono::microseconds timeout);
 
     /// Reads the settings again and has the log thread open the log anew. Any thread.
     void Configure() noexcept;
@@ -60,12 +60,11 @@ private:
     ~LogBackend() = default;
 
     void Adopt(LogSettings settings);
-    bool PrepareFork() noexcept;
     bool Enqueue(const std::string& strTag, int iLevel, const char* pszText, LogRoute route) noexcept;
     bool IsCrowded() const;
     bool Drop();
     void FlushAtExit();
-    std::chrono::milliseconds ExitTimeLeft() const;
+    void FlushWhileExiting();
 
     // Run on the log thread.
     void Handle(const spdlog::details::log_msg& msg) noexcept;
@@ -87,8 +86,8 @@ private:
     std::atomic<unsigned> m_uFlushers{0};      ///< threads in Flush
     std::atomic<unsigned> m_uGeneration{0};    ///< of m_Settings
     std::atomic<bool> m_bExiting{false};       ///< from now on every line is flushed by its caller
-    std::chrono::steady_clock::time_point m_tExitDeadline; ///< set before m_bExiting, constant afterwards
-    std::atomic<bool> m_bStalled{false}; ///< while exiting, a flush ran out of time: no more waiting
+    std::atomic<std::int64_t> m_iExitWaitedUs{0}; ///< by all flushes since then
+    std::atomic<bool> m_bStalled{false};          ///< while exiting, a flush ran out of time: no more waiting
 
     std::mutex m_ConfigureMutex; ///< one reading of the settings at a time, the latest is adopted last
 
@@ -102,8 +101,7 @@ private:
     std::condition_variable m_Hurry; ///< the log thread is to look at the queue; a missed signal costs a nap
     std::uint64_t m_uFlushed = 0;    ///< m_uDeparted as of the last flush
 
-    // The log thread's own; m_Writer is guarded by m_WritingMutex, so that a fork finds it at rest.
-    std::mutex m_WritingMutex;
+    // The log thread's own.
     LogWriter m_Writer;
     unsigned m_uAdopted = 0;          ///< generation of the settings in use
     std::uint64_t m_uHandled = 0;     ///< lines taken out of the queue

@@ -4,6 +4,7 @@
 #include "IniCache.h"
 
 #include <climits>
+#include <filesystem>
 
 namespace {
 
@@ -47,13 +48,21 @@ private:
     std::vector<IniReport>& m_Reports;
 };
 
+/// The log stays where it is when the host changes its working directory, as a daemon does.
+std::string Absolute(const std::string& strPath)
+{
+    std::error_code error;
+    const std::filesystem::path path = std::filesystem::absolute(strPath, error);
+    return strPath.empty() || error ? strPath : path.string();
+}
+
 } // namespace
 
 LogSettings ReadLogSettings(std::vector<IniReport>& reports)
 {
     const LogSection section(TarnGetDefaultCfgFile(), reports);
     LogSettings settings;
-    settings.strFile = section.Text("file");
+    settings.strFile = Absolute(section.Text("file"));
     settings.iLevel =
         section.Number("level", settings.iLevel, TARN_LOG_RESOURCE, TARN_LOG_INFO, "is not 0 to 3");
     settings.bConsole = section.Number("console", 0, INT_MIN, INT_MAX, "") != 0;

@@ -3,30 +3,13 @@
 #include "Configuration.h"
 #include "LogText.h"
 
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/rotating_file_sink.h>
-
-#include <cerrno>
-#include <unistd.h>
+#include <utility>
 
 namespace {
 
 using spdlog::string_view_t;
 
 constexpr auto RETRY_INTERVAL = std::chrono::seconds(5);
-
-std::unique_ptr<spdlog::formatter> VerbatimFormatter()
-{
-    return std::make_unique<spdlog::pattern_formatter>("%v", spdlog::pattern_time_type::local, "");
-}
-
-/// spdlog's rotation empties a file that it cannot rename, so it must not be asked to where that is known.
-bool MayRenameBeside(const std::string& strFile)
-{
-    const std::string strFolder = spdlog::details::os::dir_name(strFile);
-    return access(strFolder.empty() ? "." : strFolder.c_str(), W_OK | X_OK) == 0 ||
-           (errno != EACCES && errno != EROFS);
-}
 
 } // namespace
 
@@ -73,76 +56,84 @@ bool LogWriter::WriteToFile(const std::string& strLine, bool bShown)
 {
     if (m_Settings.strFile.empty())
         return false;
-    try
+    if (m_pFile == nullptr && std::chrono::steady_clock::now() >= m_tRetry)
+        OpenFile();
+    if (m_pFile != nullptr && m_pFile->IsFull(m_strUnflushed.size(), strLine.size()))
+        Rotate();
+    if (m_pFile == nullptr)
     {
-        if (m_pFile != nullptr || OpenFile())
-        {
-            m_pFile->log(
-                {string_view_t(), spdlog::level::info, string_view_t(strLine.data(), strLine.size())});
-            if (!bShown)
-                m_strUnflushed += strLine;
-            m_uUnflushed += bShown ? 0 : 1;
-            return true;
-        }
-    }
-    catch (const std::exception& failure)
-    {
-        FileFailed(failure.what());
-    }
-    ++m_uAstray;
-    return false;
-}
-
-/// Opens the log file unless it has failed a moment ago. @return false when it has; throws when it cannot
-bool LogWriter::OpenFile()
-{
-    if (std::chrono::steady_clock::now() < m_tRetry)
+        ++m_uAstray;
         return false;
-    const std::string& strFile = m_Settings.strFile;
-    const bool bFixedFolder = m_Settings.uRotateBytes != 0 && !MayRenameBeside(strFile);
-    if (m_Settings.uRotateBytes == 0 || bFixedFolder)
-        m_pFile = std::make_unique<spdlog::sinks::basic_file_sink_st>(strFile);
-    else
-        m_pFile = std::make_unique<spdlog::sinks::rotating_file_sink_st>(strFile, m_Settings.uRotateBytes,
-                                                                         m_Settings.uRotateFiles);
-    m_pFile->set_formatter(VerbatimFormatter());
-    if (bFixedFolder)
-        WriteOwn("The log file grows without bound: its folder is not writable, it cannot be rotated\n");
-    return m_pFile != nullptr; // that line may have failed
+    }
+    m_UnflushedLines.push_back({strLine.size(), bShown});
+    m_strUnflushed += strLine;
+    return true;
 }
 
-/// Ends the use of the file for a while. What it has not written yet goes to stderr.
-void LogWriter::FileFailed(const char* pszReason)
+void LogWriter::OpenFile()
+{
+    m_pFile = std::make_unique<LogFile>(m_Settings.strFile, m_Settings.uRotateBytes, m_Settings.uRotateFiles);
+    if (const std::error_code error = m_pFile->Open())
+        FileFailed(error, 0);
+}
+
+void LogWriter::Rotate()
+{
+    Flush();
+    if (m_pFile == nullptr)
+        return;
+    const std::error_code error = m_pFile->Rotate();
+    if (!error)
+        m_bCannotRotate = false;
+    else if (!m_pFile->IsOpen())
+        FileFailed(error, 0);
+    else if (!std::exchange(m_bCannotRotate, true))
+        WriteOwn("The log file grows without bound, it cannot be rotated: " + error.message() + "\n");
+}
+
+/// Ends the use of the file for a while. What it has not taken yet goes to stderr.
+/// @param uTaken  bytes of m_strUnflushed that it has taken
+void LogWriter::FileFailed(const std::error_code& error, std::size_t uTaken)
 {
     if (!m_bFailing)
         WriteToStderr(std::string(BASEUTIL_TAG) + ": log file " + Printable(m_Settings.strFile) +
-                      " cannot be written, its lines go to stderr: " + pszReason + "\n");
+                      " cannot be written, its lines go to stderr: " + error.message() + "\n");
     m_bFailing = true;
     m_pFile.reset();
     m_tRetry = std::chrono::steady_clock::now() + RETRY_INTERVAL;
-    m_uAstray += m_uUnflushed;
-    if (!WriteToStderr(m_strUnflushed))
-        m_uLost += m_uUnflushed;
+    std::size_t uEnd = 0;
+    for (const UnflushedLine& line : m_UnflushedLines)
+    {
+        const std::size_t uStart = uEnd;
+        uEnd += line.uBytes;
+        if (uEnd <= uTaken)
+            continue;
+        ++m_uAstray;
+        if (!line.bShown && !WriteToStderr(std::string_view(m_strUnflushed).substr(uStart, line.uBytes)))
+            ++m_uLost;
+    }
+    ForgetUnflushed();
+}
+
+void LogWriter::ForgetUnflushed()
+{
     m_strUnflushed.clear();
-    m_uUnflushed = 0;
+    m_UnflushedLines.clear();
 }
 
 void LogWriter::Flush()
 {
     if (m_pFile == nullptr)
         return;
-    try
+    std::string_view rest = m_strUnflushed;
+    if (const std::error_code error = m_pFile->Append(rest))
     {
-        m_pFile->flush();
-        m_strUnflushed.clear();
-        m_uUnflushed = 0;
-        if (m_bFailing)
-            FileWorksAgain();
+        FileFailed(error, m_strUnflushed.size() - rest.size());
+        return;
     }
-    catch (const std::exception& failure)
-    {
-        FileFailed(failure.what());
-    }
+    ForgetUnflushed();
+    if (m_bFailing)
+        FileWorksAgain();
 }
 
 void LogWriter::FileWorksAgain()

@@ -1,16 +1,18 @@
 #ifndef TARN_HOST_LOGWRITER_H
 #define TARN_HOST_LOGWRITER_H
 
+#include "LogFile.h"
 #include "LogSettings.h"
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/sink.h>
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <vector>
 
 /// Where a line is to go.
 struct LogRoute
@@ -22,8 +24,7 @@ struct LogRoute
 /// Writes lines to the log file and to stderr. It belongs to the log thread: only that one calls it, and it
 /// may take as long as a disk or a terminal takes.
 ///
-/// Lines that the log file does not take go to stderr, also those which it had seemed to take but lost when
-/// it was flushed.
+/// Lines are gathered and written to the file at a flush. Those that it does not take then go to stderr.
 class LogWriter
 {
 public:
@@ -52,19 +53,28 @@ public:
 private:
     static constexpr std::size_t MAX_UNFLUSHED = 65536;
 
+    struct UnflushedLine
+    {
+        std::size_t uBytes;
+        bool bShown; ///< on stderr already
+    };
+
     bool WriteToFile(const std::string& strLine, bool bShown);
-    bool OpenFile();
-    void FileFailed(const char* pszReason);
+    void OpenFile();
+    void Rotate();
+    void FileFailed(const std::error_code& error, std::size_t uTaken);
     void FileWorksAgain();
+    void ForgetUnflushed();
 
     LogSettings m_Settings;
     spdlog::pattern_formatter m_Formatter;
-    std::unique_ptr<spdlog::sinks::sink> m_pFile;   ///< null: not opened yet, or it failed
+    std::unique_ptr<LogFile> m_pFile;               ///< null: not opened yet, or it failed
     std::chrono::steady_clock::time_point m_tRetry; ///< before this a failed file is left alone
     bool m_bFailing = false;                        ///< a failure has been reported, nothing written since
+    bool m_bCannotRotate = false;                   ///< which has been reported
     std::uint64_t m_uAstray = 0;                    ///< lines meant for the file while it was failing
-    std::string m_strUnflushed;                     ///< lines in the file's buffer, seen nowhere else
-    std::uint64_t m_uUnflushed = 0;                 ///< their number
+    std::string m_strUnflushed;                     ///< text that the file is to get with the next flush
+    std::vector<UnflushedLine> m_UnflushedLines;    ///< of which it consists
     std::uint64_t m_uLost = 0;
 };
 

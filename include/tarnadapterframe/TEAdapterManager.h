@@ -194,6 +194,7 @@ private:
     static AdapterEntry TakeFirst(AdapterMap& mapAdapter);
     AdapterEntry TakeRegistered() TARN_EXCLUDES(m_RegistryMutex);
     AdapterEntry TakeRetired() TARN_EXCLUDES(m_RegistryMutex);
+    bool IsRegistered(const TarnProtocolAdapter* pAdapter) TARN_EXCLUDES(m_RegistryMutex);
     TarnProtocolAdapter* FirstOwned() TARN_EXCLUDES(m_RegistryMutex);
     void DeleteIfOwned(TarnProtocolAdapter* pAdapter) TARN_EXCLUDES(m_RegistryMutex);
     void WaitForTimerThread() TARN_EXCLUDES(m_TimerThreadCountLock);
@@ -219,12 +220,14 @@ private:
     // One tick, on the timer thread. Neither argument is looked at.
     int HandleTimeOut(const ACE_Time_Value& currentTime, const void* pArg);
     void CollectExpired(MapMsgInfo& mapExpired) TARN_EXCLUDES(m_MsgMapMtx);
+    bool IsAsynchronousLocked(MapMsgInfo::iterator& it) TARN_REQUIRES(m_MsgMapMtx);
     static bool HasExpiredLocked(TEMessageInfo& info);
     void UnlinkExpiredSinksLocked(const TEMessageInfo& info) TARN_REQUIRES(m_MsgMapMtx);
 
     // Guarded by m_MsgMapMtx.
     MapSinkToSource m_mapSinkToSource TARN_GUARDED_BY(m_MsgMapMtx);
     MapMsgInfo m_mapMsgInfo TARN_GUARDED_BY(m_MsgMapMtx);
+    std::uint64_t m_uErasedInfos TARN_GUARDED_BY(m_MsgMapMtx) = 0; // by other operations than the tick
     TarnRecursiveThreadMutex m_MsgMapMtx;
 
     // Set by Init before the timer thread exists, cleared by the destructor; owned.
@@ -250,11 +253,13 @@ private:
     // Knows when the timer thread has ended for good, after it has left the count. Outlives the manager by
     // that.
     const std::shared_ptr<ThreadsLeft> m_pTimerThreadsLeft;
-    // Passed by ticks and by requests to start asynchronous I/O; shut by the stop.
-    const std::unique_ptr<StopGate> m_pStopGate;
+    // Passed by requests to start asynchronous I/O, and by ticks; shut by the stop.
+    const std::unique_ptr<StopGate> m_pStartGate;
+    const std::unique_ptr<StopGate> m_pTickGate;
 
     static std::atomic<TEAdapterManager*> m_pInstance;
-    static std::atomic<bool> s_bStarted; ///< Init has succeeded, the manager has not been destroyed since
+    static std::atomic<bool> s_bDestroying; ///< a thread is inside Destroy
+    static std::atomic<bool> s_bStarted;    ///< Init has succeeded, the manager has not been destroyed since
     static std::atomic<bool>
         s_bAsyncIOPending; ///< asynchronous I/O was asked for before the start; never cleared
 };

@@ -48,7 +48,7 @@ struct TARN_ADAPTER_API TEMessageInfo
     ~TEMessageInfo();
 
     std::size_t GetSinkMessageCount() const;
-    /// Lists the unit, also when it is listed already.
+    /// Lists the unit, also when it is listed already. Like copying, std::bad_alloc without memory.
     void AddSinkMessage(const TEMessageUnit& unit);
     /// Removes every listed unit that equals it.
     void DeleteSinkMessage(const TEMessageUnit& unit);

@@ -1,4 +1,5 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
+#include "core/TEMessageTimer.h"
 #include "support/ConnectionTest.h"
 #include "support/DescriptorHog.h"
 #include "support/Threads.h"
@@ -179,6 +180,31 @@ TEST_F(MessageDispatch, AStopLetsWaitingProducersGoAndLeavesWhatIsQueued)
     stopped.get();
     EXPECT_EQ(host.CountContaining(2, "AddTERptMessageData, m_pRptMsgQueue is full, can't enqueue."), 1);
     EXPECT_EQ(nHandled, 0);
+    EXPECT_EQ(Work::Alive(), QUEUE_ENTRIES);
+}
+
+TEST_F(MessageDispatch, AStopLetsATickGoThatWaitsForRoom)
+{
+    Start();
+    HoldReports();
+    std::vector<std::unique_ptr<Work>> queued;
+    for (int i = 0; i < QUEUE_ENTRIES; ++i)
+    {
+        queued.push_back(std::make_unique<Work>([] {}));
+        ASSERT_EQ(AsyncIO().AddTERptMessageData(queued.back().get()), 0);
+    }
+    TestMessageAdapter adapter;
+    TEAsyncIOMgr& asyncIO = AsyncIO();
+    adapter.onError = [&](TEMessage*, void*, EAdapterError) { asyncIO.AddTERptMessageData(new Work({})); };
+    TEAdapterManager::Instance()->RegisterPrivateMessage(new TestMessage(pAdapter, ASYNC_MESSAGE, 0),
+                                                         &adapter, nullptr, 0);
+    TEMessageTimer timer;
+    auto tick = std::async(std::launch::async, [&] { timer.handle_timeout(ACE_Time_Value::zero, nullptr); });
+    ASSERT_TRUE(WaitUntil([] { return Work::Alive() == QUEUE_ENTRIES + 3; }));
+    host.SetAppExit(true); // nobody takes reports any more
+    LetReportsGo();
+    tarnadapter::Fini();
+    tick.get();
     EXPECT_EQ(Work::Alive(), QUEUE_ENTRIES);
 }
 

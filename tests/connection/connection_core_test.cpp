@@ -1,4 +1,5 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
+#include "asyncio/TEIOReactor.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "connection/TarnTCPConnectorImpl.h"
@@ -669,6 +670,25 @@ TEST_F(ConnectionCore, ReferencesOfRegistrationsAreCounted)
     EXPECT_EQ(host.CountContaining(1, "UnregisterHandle, handle = -1,but find handle in the map"), 1);
     EXPECT_EQ(connection.GetRefCount(), 0);
     other.set_handle(ACE_INVALID_HANDLE);
+}
+
+TEST_F(ConnectionCore, TheReactorsReferenceIsTakenBeforeItHasTheHandle)
+{
+    host.SetCfg("nRecordTarnConnectorImplRefInfo", "1");
+    host.SetCfg("nAsyncIOThreadNum", "0");
+    StartKeeping();
+    const SocketPair pair;
+    CountingConnection connection;
+    connection.set_handle(pair.iNear);
+    std::vector<int> registered; // at each reference that is taken
+    const auto look = [&] { registered.push_back(AsyncIO().Reactor()->DisableWriteEvents(pair.iNear)); };
+    host.StepIn(" IncRef ", look);
+    host.StepIn(" IncRef ", look);
+    EXPECT_EQ(AsyncIO().RegisterHandle(&connection), 0);
+    EXPECT_EQ(registered, (std::vector<int>{0, 0}));
+    EXPECT_EQ(AsyncIO().Reactor()->DisableWriteEvents(pair.iNear), 1);
+    EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
+    connection.set_handle(ACE_INVALID_HANDLE);
 }
 
 TEST_F(ConnectionCore, ReferencesAreRecordedAndDumped)

@@ -425,12 +425,14 @@ TEST_P(ConnectorMgrKey, UnregisteringLeavesWhatIsRegisteredMeanwhileAlone)
     const std::shared_ptr<TestConnector> pSecond = GetParam() ? pFirst : MakeConnector(1);
     std::promise<void> inside;
     std::promise<void> goOn;
+    std::atomic<bool> bFirst{true};
     pFirst->onBroken = [&] {
+        if (!bFirst.exchange(false))
+            return;
         inside.set_value();
         goOn.get_future().wait();
         EXPECT_EQ(pFirst->UnRegister(), 0);
         EXPECT_EQ(pSecond->Register(), 0);
-        pFirst->onBroken = {};
     };
     ASSERT_EQ(pFirst->Register(), 0);
     ASSERT_TRUE(WaitOpened(*pFirst, 1));

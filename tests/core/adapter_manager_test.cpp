@@ -138,6 +138,32 @@ TEST_F(AdapterManager, AdapterMayUseTheManagerWhileItIsDeletedWithIt)
     EXPECT_EQ(TestAdapter::Alive(), 0);
 }
 
+TEST_F(AdapterManager, AnAdapterUnderTwoIdsLivesAsLongAsItCanBeFound)
+{
+    class Looking : public TestAdapter
+    {
+    public:
+        Looking(std::uint32_t ulOwnId, std::uint32_t ulOtherId)
+            : TestAdapter(ulOwnId)
+            , m_ulOtherId(ulOtherId)
+        {}
+        ~Looking() override
+        {
+            TarnProtocolAdapter* pOther = Manager().GetProtocolAdapter(m_ulOtherId);
+            EXPECT_TRUE(pOther != nullptr && pOther->GetProtocolAdapterID() == 5);
+        }
+
+    private:
+        const std::uint32_t m_ulOtherId;
+    };
+    auto* pTwice = new TestAdapter(5);
+    Manager().RegisterProtocolAdapter(5, pTwice, false);
+    Manager().RegisterProtocolAdapter(7, new Looking(7, 9), false);
+    Manager().RegisterProtocolAdapter(9, pTwice, false);
+    TEAdapterManager::Destroy();
+    EXPECT_EQ(TestAdapter::Alive(), 0);
+}
+
 TEST_F(AdapterManager, FramingDispatchMapsTheAdaptersResults)
 {
     int iResult = 0;

@@ -153,6 +153,31 @@ TEST_F(Timeouts, OwnedMessageMayChangeTheMapsWhenItIsDeletedWithItsRecord)
     }
 }
 
+TEST_F(Timeouts, SourceMayUnregisterItselfWhenItIsAskedForItsSyncFlag)
+{
+    class Leaving : public TestMessage
+    {
+    public:
+        using TestMessage::TestMessage;
+        EMessageSyncFlag GetSyncFlag() override
+        {
+            Manager().UnRegisterSourceMessage(this);
+            return ASYNC_MESSAGE;
+        }
+    };
+    Leaving leaving(&one, ASYNC_MESSAGE, 0);
+    Manager().RegisterPrivateMessage(&leaving, &adapter, nullptr, 0);
+    NewSource(0);
+    int iReported = 0;
+    adapter.onError = [&](const TEMessage* pSource, void*, EAdapterError) {
+        ++iReported;
+        EXPECT_NE(pSource, &leaving);
+    };
+    Tick();
+    EXPECT_EQ(iReported, 1);
+    EXPECT_EQ(TestMessage::Alive(), 1);
+}
+
 TEST_F(Timeouts, ExpiredSourcesAreReportedInUnitOrder)
 {
     std::vector<TEMessageUnit> reported;

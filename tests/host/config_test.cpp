@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <climits>
+#include <ctime>
 #include <filesystem>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -168,11 +170,13 @@ TEST_F(Config, ALineThatIsNoneCostsOnlyItselfAndIsReportedOnce)
 
 TEST_F(Config, KeysBelowABrokenHeaderDoNotJoinTheSectionAbove)
 {
-    Write("[tarnadapter]\na=1\n[log\na=2\n[]\na=3\n[b!c]\na=4\n");
+    Write("[tarnadapter]\na=1\n\xC3\xA4=1\n[log\na=2\n[]\na=3\n[b!c]\na=4\n[Ger\xC3\xA4t]\na=5\n");
     EXPECT_EQ(Int("a"), 1);
-    EXPECT_EQ(Reports(), (Lines{"2 FILE:3: No closing bracket, left out\n",
-                                "2 FILE:5: Section name is missing, left out\n",
-                                "2 FILE:7: a character that a section name cannot have, left out\n"}));
+    EXPECT_EQ(Reports(), (Lines{"2 FILE:3: a character that a key cannot have, left out\n",
+                                "2 FILE:4: No closing bracket, left out\n",
+                                "2 FILE:6: Section name is missing, left out\n",
+                                "2 FILE:8: a character that a section name cannot have, left out\n",
+                                "2 FILE:10: a character that a section name cannot have, left out\n"}));
 }
 
 TEST_F(Config, TheNumberOfReportsIsBounded)
@@ -211,6 +215,25 @@ TEST_F(Config, AFileThatCannotBeReadIsReportedAndEmpty)
     EXPECT_EQ(truncate(m_strFile.c_str(), (16 << 20) + 1), 0);
     EXPECT_EQ(Int("a"), UNTOUCHED);
     EXPECT_EQ(Reports(), Lines{"1 FILE: cannot be read, taken as empty: larger than 16 MiB\n"});
+}
+
+TEST_F(Config, AFileIsReadOnceTheSystemHasDescriptorsAgain)
+{
+    Write("[tarnadapter]\na=1\n");
+    // The age at which a version of a file counts as its last one.
+    ASSERT_TRUE(Eventually([&] {
+        struct stat status = {};
+        return stat(m_strFile.c_str(), &status) == 0 && time(nullptr) - status.st_ctim.tv_sec > 2;
+    }));
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int iWithout = Int("a");
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(iWithout, UNTOUCHED);
+    EXPECT_EQ(Int("a"), 1);
+    EXPECT_EQ(Reports(), Lines{"1 FILE: cannot be read, taken as empty: Too many open files\n"});
 }
 
 TEST_F(Config, AFileWithoutPermissionIsReported)

@@ -255,6 +255,25 @@ TEST_F(Log, AFileInAFolderThatIsNotWritableGrowsAndSaysSo)
     fs::permissions(strFolder, fs::perms::owner_all);
 }
 
+TEST_F(Log, AFileThatCannotBeRenamedLosesNothing)
+{
+    fs::create_directories(m_Folder.Path("host.2.log") + "/in the way");
+    UseFile("rotate_size_kb=1\nrotate_files=2\n");
+    const auto logLines = [](int iFrom) {
+        for (int i = iFrom; i < iFrom + 100; ++i)
+            Trace(TARN_LOG_ERROR, "line " + std::to_string(i) + "." + std::string(60, '.'));
+    };
+    logLines(0);
+    Flush();
+    const std::string strLog = ReadText(m_strFile) + ReadText(m_Folder.Path("host.1.log"));
+    EXPECT_EQ(CountOf(strLog, " TAG ERROR line "), 100U);
+    EXPECT_EQ(CountOf(strLog, "tarnbaseutil ERROR The log file grows without bound"), 1U);
+    fs::remove_all(m_Folder.Path("host.2.log"));
+    logLines(100);
+    Flush();
+    EXPECT_TRUE(fs::is_regular_file(m_Folder.Path("host.2.log"))); // it goes on when it can
+}
+
 TEST_F(Log, AFileThatCannotBeOpenedIsReportedAndTriedAgain)
 {
     const std::string strFolder = m_Folder.Path("blocked");
@@ -415,6 +434,8 @@ TEST_F(Log, AForkedChildHasALogOfItsOwn)
     Trace(TARN_LOG_ERROR, "still in the parent");
     EXPECT_EQ(CountOf(Written(), "in the parent"), 2U);
     EXPECT_EQ(CountOf(Written(), "in the child"), 1U);
+    // The child's thread is another one, also where it continues one that has logged before.
+    EXPECT_EQ(CountOf(Written(), "[" + std::to_string(syscall(SYS_gettid)) + "] TAG"), 2U);
 }
 
 #if !defined(__SANITIZE_ADDRESS__) // whose allocator's locks stay closed in the child
@@ -494,6 +515,8 @@ struct LogsOutsideMain
     }
     ~LogsOutsideMain()
     {
+        if (getenv("TARN_TEST_LATER") != nullptr) // when what the log may be waited for would be over
+            poll(nullptr, 0, 2500);
         if (getenv("TARN_TEST_LATE") != nullptr)
             for (int i = 0; i < 20; ++i)
                 Trace(TARN_LOG_ERROR, "after main " + std::to_string(i) + ".");
@@ -536,7 +559,7 @@ protected:
 
 TEST_F(LogProcess, LinesOutsideMainReachTheFile)
 {
-    for (const char* pszEarly : {"TARN_TEST_EARLY=1", "TARN_TEST_NOT_EARLY=1"})
+    for (const char* pszEarly : {"TARN_TEST_EARLY=1", "TARN_TEST_LATER=1"})
     {
         fs::remove(m_strFile);
         const ChildResult result =
@@ -564,6 +587,8 @@ TEST_F(LogProcess, AStalledDiskDoesNotHoldTheExit)
         Run("LogsAndLeavesAtOnce", "[log]\nfile=" + m_strFile + "\n", {"TARN_TEST_LATE=1"});
     EXPECT_EQ(result.iExitStatus, 0) << result.strStderr;
     EXPECT_LT(result.duration, std::chrono::seconds(20)); // two of them waiting, the rest a slow machine's
+    EXPECT_EQ(CountOf(result.strStderr, "tarnbaseutil: the log stands still, about "), 1U)
+        << result.strStderr;
 }
 
 /// The reader takes a page every 100 ms, too little to finish: each late line could wait for its turn.
