@@ -440,8 +440,8 @@ TEST_F(ConnectionCore, ACallOfTheLastOpeningDoesNotTouchTheNextDescriptor)
     EXPECT_EQ(connection.AddAndSendData(strOut.data(), static_cast<int>(strOut.size())), 0);
     EXPECT_EQ(connection.handle_output(firstHandle), 0);
     EXPECT_EQ(connection.GetHandle(), second.iNear);
-    EXPECT_EQ(Frames().size(), 0U);
     char received = 0;
+    EXPECT_EQ(recv(second.iNear, &received, 1, MSG_PEEK), 1); // not read
     EXPECT_EQ(recv(second.iFar, &received, 1, 0), -1);
     EXPECT_EQ(AsyncIO().RegisterHandle(&connection), 0);
     EXPECT_EQ(connection.handle_output(second.iNear), 0); // what is left, and a look
@@ -452,6 +452,28 @@ TEST_F(ConnectionCore, ACallOfTheLastOpeningDoesNotTouchTheNextDescriptor)
               strOut.size() - ReopenedConnection::FIRST_PIECE);
     EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
     connection.set_handle(ACE_INVALID_HANDLE);
+}
+
+TEST_F(ConnectionCore, ABreakDuringTheStopGivesEveryReferenceBack)
+{
+    StartKeeping();
+    const SocketPair pair;
+    TestConnector connector(1);
+    std::promise<void> inside;
+    std::promise<void> goOn;
+    pAdapter->onFraming = [&](ACE_HANDLE) {
+        inside.set_value();
+        goOn.get_future().wait();
+    };
+    ASSERT_EQ(Serve(connector, pair), 0);
+    pair.Send(std::string(8, '\0')); // no frame
+    inside.get_future().wait();
+    auto stopped = std::async(std::launch::async, [] { tarnadapter::Fini(); });
+    EXPECT_TRUE(WaitUntil(
+        [&] { return host.CountContaining(3, "~TEAsyncIOMgrImpl, waiting for 1 event loop threads") > 0; }));
+    goOn.set_value();
+    stopped.get();
+    EXPECT_EQ(connector.Impl()->GetRefCount(), 0);
 }
 
 TEST_F(ConnectionCore, NothingIsRegisteredOnceTheEngineStops)

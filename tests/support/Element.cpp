@@ -118,6 +118,7 @@ void Element::Behave(const Behaviour& behaviour)
 void Element::DropAll(bool bReset)
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
+    Accept(); // a peer may be connected that has not been accepted yet
     while (!m_Connections.empty())
         Close(m_Connections.begin()->first, bReset);
 }
@@ -126,6 +127,7 @@ void Element::SendToAll(const std::string& strBytes)
 {
     {
         const std::lock_guard<std::mutex> guard(m_Mutex);
+        Accept();
         for (auto& [iFd, connection] : m_Connections)
             connection.strOut += strBytes;
     }
