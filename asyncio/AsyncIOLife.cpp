@@ -62,7 +62,8 @@ TEAsyncIOMgr* TEAsyncIOMgr::Instance()
 void TEAsyncIOMgr::Destroy()
 {
     // The threads are waited for before the lock is taken: one of them may be the first to use some singleton.
-    StopAsyncIO();
+    if (TEAsyncIOMgrImpl* pRunning = TEAsyncIOMgrImpl::Existing())
+        pRunning->Stop();
     ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
     TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
     if (pAsyncIOMgr == nullptr)

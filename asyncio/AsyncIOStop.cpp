@@ -87,6 +87,7 @@ void TEAsyncIOMgrImpl::StopOnce()
     DeleteRecycler();
     RemoveAllHandlers();
     EndLoops();
+    m_ProducerGate.Shut(); // what is queued behind the stop entries is not handled any more
     try
     {
         PutStopEntries();
@@ -197,6 +198,7 @@ void TEAsyncIOMgrImpl::AbandonConnections()
     {
         pConnector->AbandonReferences();
         pConnector->SetServed(false);
+        pConnector->SetRegistered(false);
     }
     m_mapConnector.clear();
     const std::lock_guard<std::mutex> droppedGuard(m_DroppedMutex);

@@ -85,8 +85,8 @@ int TEAsyncIOMgrImpl::Register(TarnConnectorImpl& connector, const std::uint32_t
 }
 
 /// An old call may still be framing, or inside a hook, when its connection has been opened again. It must have
-/// left before the next one begins. A connect thread waits for it as long as the session is open; anybody else for
-/// a bounded time: the call may be waiting for room in a queue that the waiting thread should empty, or for a call
+/// left before the next one begins. A connect thread outside of hooks waits for it as long as the session is open;
+/// anybody else for a bounded time: the call may be waiting for room in a queue that the waiting thread should empty, or for a call
 /// of the waiting thread's own.
 bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
 {
@@ -95,7 +95,8 @@ bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector, const std::
     const HandlerCall* pOwn = HandlerCall::CurrentOf(connector);
     if (pOwn != nullptr && pOwn->IsInBuffers())
         return false;
-    const bool bBounded = HandlerCall::Current() != nullptr || !TarnConnectorMgrImpl::IsConnectThread();
+    const bool bBounded = pOnlySession == nullptr || !TarnConnectorMgrImpl::IsConnectThread() ||
+                          !TarnConnectorMgrImpl::MayWaitForHooks();
     for (int iPoll = 1; !connector.IsServed() && !connector.WaitForOldCalls(POLL); ++iPoll)
     {
         const TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
@@ -138,6 +139,7 @@ int TEAsyncIOMgrImpl::InsertConnection(ACE_HANDLE handle, TarnConnectorImpl& con
             return -1;
         }
         TarnConnectorMgrImpl::UseConnectorImplAndIncRef(&connector);
+        connector.SetRegistered(true);
         return 0;
     });
 }
@@ -175,6 +177,7 @@ int TEAsyncIOMgrImpl::TakeBackRegistration(ACE_HANDLE handle, int iResult)
     {
         TarnConnectorImpl* pConnector = it->second;
         m_mapConnector.erase(it);
+        pConnector->SetRegistered(false);
         TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(pConnector);
     }
     else
@@ -202,6 +205,13 @@ void TEAsyncIOMgrImpl::UnregisterSession(TarnConnectorImpl* pConnector, std::uin
         UnregisterLocked(*pConnector);
 }
 
+void TEAsyncIOMgrImpl::UnregisterIfLeaving(TarnConnectorImpl& connector)
+{
+    const TarnGuard guard(connector.RegistrationMutex());
+    if (connector.IsLeaving())
+        UnregisterLocked(connector);
+}
+
 void TEAsyncIOMgrImpl::UnregisterLocked(TarnConnectorImpl& connector)
 {
     const DescriptorGuard::Use use(connector.Descriptor());
@@ -221,6 +231,7 @@ void TEAsyncIOMgrImpl::UnregisterLocked(TarnConnectorImpl& connector)
 bool TEAsyncIOMgrImpl::EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& connector)
 {
     const TarnGuard guard(m_RegistryLock);
+    connector.SetRegistered(false);
     if (handle == ACE_INVALID_HANDLE)
     {
         TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::UnregisterHandle, invalid handle\n");

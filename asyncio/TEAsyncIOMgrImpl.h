@@ -70,6 +70,8 @@ public:
     int UnregisterHandle(TarnConnectorImpl* pConnector);
     /// The same, only if the session is still the connection's.
     void UnregisterSession(TarnConnectorImpl* pConnector, std::uint32_t ulSession);
+    /// The same, only if the connection's facade is still being unregistered.
+    void UnregisterIfLeaving(TarnConnectorImpl& connector);
     /// The same for a caller that holds the connection's registration mutex.
     void UnregisterLocked(TarnConnectorImpl& connector);
     /// The connection registered under a handle with one reference taken, or null.

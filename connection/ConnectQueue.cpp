@@ -149,6 +149,7 @@ int TarnConnectorMgrImpl::eraseConnectTarget(const ConnectTargetKey& key)
         const TarnGuard guard(*m_pConnectQuequeMutex);
         if (m_pConnectQueque->erase(key) == 0)
             return -1;
+        key.pConnector->SetDisconnectedUnlessOpen();
     }
     ReleaseConnectorImplDecRef(key.pConnector);
     return 0;

@@ -169,8 +169,7 @@ int TarnConnectorMgrImpl::EnqueueReadyConnQueue(TarnConnectorImpl* pConnector, b
         TarnAdapterFrmtTrace(1, "new CConnectorImplInfo error \n");
         return -1;
     }
-    const ConnectTargetKey key{{pConnector->GetGroupID(), pConnector->GetTargetID()}, pConnector};
-    const int iPut = putConnectTarget(key, pInfo);
+    const int iPut = putConnectTarget(KeyOf(*pConnector), pInfo);
     if (iPut != 0)
     {
         delete pInfo;
@@ -200,21 +199,28 @@ int TarnConnectorMgrImpl::RequestDisConnect(int iGroupId, unsigned long ulTarget
 
 int TarnConnectorMgrImpl::RequestDisConnect(TarnConnectorImpl* pConnector)
 {
-    constexpr auto RECORD_WAIT = std::chrono::milliseconds(1000);
     if (pConnector == nullptr)
     {
         TarnAdapterFrmtTrace(
             1, "TarnConnectorMgrImpl::RequestDisConnect error, input para pConnectorImpl=null\n");
         return -1;
     }
+    pConnector->ChangeControlFlag(EXIT_CONNECT, 0);
+    return CloseWhile(pConnector, &TarnConnectorImpl::IsUnwanted);
+}
+
+/// Closes a connection, or ends the attempts to open it, as long as that is wanted.
+int TarnConnectorMgrImpl::CloseWhile(TarnConnectorImpl* pConnector,
+                                     bool (TarnConnectorImpl::*pfnWanted)() const)
+{
+    constexpr auto RECORD_WAIT = std::chrono::milliseconds(1000);
     TarnAdapterFrmtTrace(1, "TarnConnectorMgrImpl::RequestDisConnect begin, groupID=%d, targetID=%d\n",
                          pConnector->GetGroupID(), AsInt(pConnector->GetTargetID()));
-    pConnector->ChangeControlFlag(EXIT_CONNECT, 0);
     if (TEAsyncIOMgrImpl::Existing() == nullptr)
         return -1;
     bool bGoOn = true;
     // Ends also when a later request to connect has cleared the flag.
-    while (bGoOn && pConnector->IsUnwanted())
+    while (bGoOn && (pConnector->*pfnWanted)())
     {
         const std::uint64_t uFreed = m_RecordFreed.Get();
         const EConnectState eState = pConnector->GetState();
@@ -247,7 +253,7 @@ void TarnConnectorMgrImpl::CloseForRequest(TarnConnectorImpl* pConnector)
     const BreakClaim eClaim =
         pConnector->ClaimBreak(ulSession, bAuto ? BreakTold::IF_OPENING_WAS : BreakTold::YES);
     TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
-    if (pAsyncIOMgr != nullptr && pConnector->IsServed())
+    if (pAsyncIOMgr != nullptr && pConnector->IsRegistered())
         pAsyncIOMgr->UnregisterSession(pConnector, ulSession); // not one that has been opened meanwhile
     pConnector->CloseSession(ulSession);
     if (eClaim == BreakClaim::TELL)
@@ -309,8 +315,8 @@ int TarnConnectorMgrImpl::CancelRequestConnect(TarnConnectorImpl* pConnector)
         it->second->bBusy = true;
         pRemoved.reset(it->second);
         m_pConnectQueque->erase(it);
+        pConnector->SetDisconnectedUnlessOpen();
     }
     ReleaseConnectorImplDecRef(pConnector);
-    pConnector->SetDisconnectedUnlessOpen();
     return 0;
 }

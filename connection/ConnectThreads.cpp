@@ -29,7 +29,7 @@ thread_local bool t_bConnectThread = false;
 void TarnConnectorMgrImpl::EnsureConnectThread()
 {
     const std::lock_guard<std::mutex> guard(m_ThreadMutex);
-    if (m_nConnectThreads >= Settings().nConnectThreadNum || m_bExit || TarnAppIsExit())
+    if (m_nConnectThreads >= Settings().nConnectThreadNum || m_bExit || m_bStopping || TarnAppIsExit())
         return;
     if (!SpawnDetached(&TarnConnectorMgrImpl::ConnectThreadProc, this, ThreadSignals::ALL_BLOCKED))
     {
@@ -175,10 +175,8 @@ bool TarnConnectorMgrImpl::RemoveRecord(const ConnectTargetKey& key, CConnectorI
 
 void TarnConnectorMgrImpl::AbandonTarget(const ConnectTargetKey& key, CConnectorImplInfo& info)
 {
-    if (!RemoveRecord(key, info, ERASE_ERROR))
-        return;
-    key.pConnector->SetDisconnectedUnlessOpen();
-    RenewRequest(key.pConnector);
+    if (RemoveRecord(key, info, ERASE_ERROR))
+        RenewRequest(key.pConnector);
 }
 
 void TarnConnectorMgrImpl::AfterSuccess(const ConnectTargetKey& key, CConnectorImplInfo& info)
@@ -200,10 +198,7 @@ void TarnConnectorMgrImpl::AfterFailure(const ConnectTargetKey& key, CConnectorI
         ReleaseRecord(info, true);
         return;
     }
-    if (!RemoveRecord(key, info, ERASE_ERROR_GIVING_UP))
-        return;
-    connector.SetDisconnectedUnlessOpen();
-    if (bUnwanted)
+    if (RemoveRecord(key, info, ERASE_ERROR_GIVING_UP) && bUnwanted)
         RenewRequest(&connector);
 }
 
@@ -241,7 +236,9 @@ int TarnConnectorMgrImpl::StopConnectThreads()
     {
         TarnAdapterFrmtTrace(3, "TarnConnectorMgrImpl::StopConnectThreads, waiting for %d connect threads\n",
                              m_nConnectThreads + m_nLeaving);
-        m_bExit = true; // somebody may have resumed them meanwhile
+        lock.unlock();
+        EndConnectThreads(); // somebody may have resumed them meanwhile
+        lock.lock();
     }
     lock.unlock();
     clearConnectQueue();
@@ -257,6 +254,12 @@ void TarnConnectorMgrImpl::Stop()
 
 int TarnConnectorMgrImpl::ResumeConnectThreads()
 {
+    if (m_bStopping)
+    {
+        TarnAdapterFrmtTrace(
+            1, "TarnConnectorMgrImpl::ResumeConnectThreads refused, the engine is being stopped\n");
+        return -1;
+    }
     m_bExit = false;
     for (int nFree = FreeRecords(); nFree > 0; --nFree)
         EnsureConnectThread();

@@ -84,7 +84,7 @@ void TarnConnectorImpl::ChangeControlFlag(int iSet, int iClear)
     m_iControlFlag = (m_iControlFlag & ~iClear) | iSet;
 }
 
-bool TarnConnectorImpl::IsControlParaTrue(int iMask)
+bool TarnConnectorImpl::IsControlParaTrue(int iMask) const
 {
     const TarnReadGuard guard(m_ParameterLock);
     return (m_iControlFlag & iMask) != 0;

@@ -75,12 +75,13 @@ public:
         const TarnReadGuard guard(manager.m_RegistryLock);
         const auto it = manager.m_mapConnector.find(key);
         if (it == manager.m_mapConnector.end() ||
-            (pOnly != nullptr && it->second->GetTarnConnectorImpl() != pOnly))
+            (pOnly != nullptr && it->second.pConnector->GetTarnConnectorImpl() != pOnly))
             return;
-        m_pConnector = it->second;
+        m_pConnector = it->second.pConnector;
+        m_pHooks = m_pConnector->m_pHooks;
         AcquireUse(*m_pConnector);
         const std::lock_guard<std::mutex> hookGuard(Hooks().mutex);
-        ++m_pConnector->m_nHooks;
+        ++*m_pHooks;
     }
     ~HookUse()
     {
@@ -88,7 +89,7 @@ public:
             return;
         ReleaseUse(*m_pConnector);
         const std::lock_guard<std::mutex> hookGuard(Hooks().mutex);
-        --m_pConnector->m_nHooks; // once the lock is released the connector may be gone
+        --*m_pHooks; // once the lock is released the connector may be gone
         Hooks().left.notify_all();
     }
     HookUse(const HookUse&) = delete;
@@ -98,6 +99,7 @@ public:
 
 private:
     TarnConnector* m_pConnector = nullptr;
+    std::shared_ptr<int> m_pHooks;
 };
 
 int TarnConnectorMgrImpl::RegisterConnector(TarnConnector* pConnector, bool bWait, int iWaitConnectCount)
@@ -136,7 +138,10 @@ int TarnConnectorMgrImpl::RegistConnectorImpl(TarnConnector* pConnector, TarnCon
     }
     return WithMemory("RegisterConnector", -1, [&] {
         const TarnWriteGuard guard(m_RegistryLock);
-        const bool bNew = m_mapConnector.emplace(ConnectionKey{iGroupId, ulTargetID}, pConnector).second;
+        const bool bNew =
+            m_mapConnector
+                .emplace(ConnectionKey{iGroupId, ulTargetID}, Registration{pConnector, ++m_uRegistrations})
+                .second;
         if (bNew)
             connection.SetLeaving(false); // before anybody can find it and unregister it again
         TarnAdapterFrmtTrace(
@@ -157,7 +162,7 @@ int TarnConnectorMgrImpl::OpenRegistered(TarnConnectorImpl* pConnector, bool bWa
         const int iResult = pAsyncIOMgr != nullptr ? pAsyncIOMgr->RegisterHandle(pConnector) : -1;
         if (iResult != 0 || !pConnector->IsLeaving())
             return iResult;
-        pAsyncIOMgr->UnregisterHandle(pConnector); // unregistered meanwhile
+        pAsyncIOMgr->UnregisterIfLeaving(*pConnector); // unregistered meanwhile
         return -1;
     }
     if (!bWait && pConnector->OpenSession() != 0)
@@ -185,7 +190,8 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     }
     constexpr const char* NOT_FOUND =
         "UnRegisterConnector failed ! cannot find TarnConnectorImpl, groupId = %d, TargetId = 0x%x\n";
-    TarnConnector* pConnector = nullptr;
+    Registration registration{};
+    std::shared_ptr<int> pHooks;
     std::optional<ConnectionPin> pin;
     {
         const TarnReadGuard guard(m_RegistryLock);
@@ -195,10 +201,16 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
             TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
             return -1;
         }
-        pConnector = it->second;
-        pin.emplace(*pConnector, nullptr);
+        registration = it->second;
+        pHooks = registration.pConnector->m_pHooks;
+        pin.emplace(*registration.pConnector, nullptr);
         if (*pin)
+        {
+            // Within the lock: whoever registers it again takes both back.
             (*pin)->SetLeaving(true);
+            if ((*pin)->IsControlParaTrue(AUTO_CONNECT))
+                (*pin)->ChangeControlFlag(EXIT_CONNECT, 0);
+        }
     }
     if (!*pin)
     {
@@ -209,14 +221,14 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
         return -1;
     }
     if ((*pin)->IsControlParaTrue(AUTO_CONNECT))
-        RequestDisConnect(pin->Get());
+        CloseWhile(pin->Get(), &TarnConnectorImpl::IsLeaving);
     else if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
-        pAsyncIOMgr->UnregisterHandle(pin->Get());
+        pAsyncIOMgr->UnregisterIfLeaving(*pin->Get());
     // What has happened is told as long as the connector can be found.
     while (MayWaitForHooks() && !(*pin)->WaitForHooks(HOOK_POLL))
         LogHookWait();
-    if (RemoveConnector(key, pConnector, *pin->Get()))
-        WaitForHooks(*pConnector);
+    if (RemoveConnector(key, registration.uNumber))
+        WaitForHooks(*pHooks);
     else // another thread has been faster, and may have destroyed the connector
         TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
     TarnAdapterFrmtTrace(1, "UnRegisterConnector sucess ! groupId = %d, TargetId = 0x%x\n", iGroupId,
@@ -225,12 +237,11 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
 }
 
 /// @return false when another thread has been faster; the key may be another connector's by now, or registered anew
-bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector,
-                                           const TarnConnectorImpl& connection)
+bool TarnConnectorMgrImpl::RemoveConnector(const ConnectionKey& key, std::uint64_t uNumber)
 {
     const TarnWriteGuard guard(m_RegistryLock);
     const auto it = m_mapConnector.find(key);
-    if (it == m_mapConnector.end() || it->second != pConnector || !connection.IsLeaving())
+    if (it == m_mapConnector.end() || it->second.uNumber != uNumber)
         return false;
     m_mapConnector.erase(it);
     return true;
@@ -245,10 +256,15 @@ bool TarnConnectorMgrImpl::MayWaitForHooks()
 
 void TarnConnectorMgrImpl::WaitForHooks(const TarnConnector& connector)
 {
+    WaitForHooks(*connector.m_pHooks);
+}
+
+void TarnConnectorMgrImpl::WaitForHooks(const int& nHooks)
+{
     if (!MayWaitForHooks())
         return;
     std::unique_lock<std::mutex> lock(Hooks().mutex);
-    while (!Hooks().left.wait_for(lock, HOOK_POLL, [&] { return connector.m_nHooks == 0; }))
+    while (!Hooks().left.wait_for(lock, HOOK_POLL, [&] { return nHooks == 0; }))
         LogHookWait();
 }
 
@@ -266,8 +282,8 @@ TarnConnector* TarnConnectorMgrImpl::GetConnectorByID(int iGroupId, unsigned lon
     const auto it = m_mapConnector.find(key);
     if (it == m_mapConnector.end())
         return nullptr;
-    AcquireUse(*it->second);
-    return it->second;
+    AcquireUse(*it->second.pConnector);
+    return it->second.pConnector;
 }
 
 TarnConnector* TarnConnectorMgrImpl::GetConnectorByHandle(ACE_HANDLE handle)
@@ -303,7 +319,7 @@ TarnConnectorImpl* TarnConnectorMgrImpl::GetConnectorImplByID(int iGroupId, std:
     const auto it = m_mapConnector.find({iGroupId, ulTargetID});
     if (it == m_mapConnector.end())
         return nullptr;
-    const ConnectionPin pin(*it->second, nullptr);
+    const ConnectionPin pin(*it->second.pConnector, nullptr);
     if (pin)
         UseConnectorImplAndIncRef(pin.Get());
     return pin.Get();

@@ -141,7 +141,7 @@ public:
     int GetControlFlag();
     /// Sets and clears bits in one step.
     void ChangeControlFlag(int iSet, int iClear);
-    bool IsControlParaTrue(int iMask);
+    bool IsControlParaTrue(int iMask) const;
     void SetCommuProtType(ECommuProtocolType eType);
     ECommuProtocolType GetCommuProtType();
     void SetAdapterProtocolID(std::uint32_t ulProtocolID);
@@ -182,7 +182,7 @@ public:
     void SetLeaving(bool bLeaving) { m_bLeaving = bLeaving; }
     bool IsLeaving() const { return m_bLeaving; }
     /// The connection is not to be open: its closing was requested, or its facade is leaving or has let it go.
-    bool IsUnwanted() { return IsControlParaTrue(EXIT_CONNECT) || m_bLeaving || m_bRetired; }
+    bool IsUnwanted() const { return IsControlParaTrue(EXIT_CONNECT) || m_bLeaving || m_bRetired; }
 
     // --- sessions ---
 
@@ -223,6 +223,9 @@ public:
     /// Notes that the open session is being served, or that none is. Within the descriptor guard.
     void SetServed(bool bServed);
     bool IsServed() const { return m_ulServed != 0; }
+    /// Whether the I/O manager's registry holds the connection, served by the reactor or not.
+    void SetRegistered(bool bRegistered) { m_bRegistered = bRegistered; }
+    bool IsRegistered() const { return m_bRegistered; }
     /// Waits until no reactor call of an earlier registration is left; the calling thread's own does not
     /// count. @return false when the time was over first
     bool WaitForOldCalls(std::chrono::milliseconds timeout);
@@ -246,7 +249,7 @@ protected:
     TarnRecursiveThreadMutex m_OpenMutex;
     TarnThreadMutex m_RegistrationMutex;
     DescriptorGuard m_DescriptorGuard;
-    TarnRWThreadMutex m_ParameterLock;
+    mutable TarnRWThreadMutex m_ParameterLock;
 
 private:
     class Reference;
@@ -312,6 +315,7 @@ private:
     std::vector<ACE_thread_t> m_RefThreads TARN_GUARDED_BY(m_ReferenceLock);
     std::atomic<bool> m_bReactorReference{false};
     std::atomic<int> m_nAbandoned{0};
+    std::atomic<bool> m_bRegistered{false};
     std::atomic<bool> m_bRetired{false};
     std::atomic<bool> m_bLeaving{false};
 

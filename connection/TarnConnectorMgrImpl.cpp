@@ -86,7 +86,7 @@ TarnConnectorMgrImpl::~TarnConnectorMgrImpl()
     pMutex.reset();
     {
         const TarnWriteGuard guard(m_RegistryLock);
-        for (const auto& [key, pConnector] : m_mapConnector)
+        for (const auto& [key, registration] : m_mapConnector)
             TarnAdapterFrmtTrace(
                 1, "While ~TarnConnectorMgrImpl ,target is not Unregisted! groupid = %d,targetId = 0x%x \n",
                 key.iGroupID, key.ulTargetID);
@@ -120,6 +120,24 @@ int TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(TarnConnectorImpl* pConnect
     }
     pConnector->DecRef();
     return 0;
+}
+
+void TarnConnectorMgrImpl::SetDisconnectedUnlessQueued(TarnConnectorImpl& connector)
+{
+    TarnConnectorMgrImpl* pManager = Existing();
+    if (pManager == nullptr)
+    {
+        connector.SetState(STATE_DISCONNECTED);
+        return;
+    }
+    const TarnGuard guard(*pManager->m_pConnectQuequeMutex);
+    if (pManager->m_pConnectQueque->count(KeyOf(connector)) == 0)
+        connector.SetState(STATE_DISCONNECTED);
+}
+
+ConnectTargetKey TarnConnectorMgrImpl::KeyOf(TarnConnectorImpl& connector)
+{
+    return {{connector.GetGroupID(), connector.GetTargetID()}, &connector};
 }
 
 void TarnConnectorMgrImpl::RetireConnection(TarnConnectorImpl* pConnector)
@@ -194,7 +212,7 @@ void TarnConnectorMgrImpl::CloseRetired(TarnConnectorImpl* pConnector)
 {
     if (pConnector->GetState() == STATE_CONNECTING)
         CancelRequestConnect(pConnector);
-    if (pConnector->IsServed())
+    if (pConnector->IsRegistered())
         if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
             pAsyncIOMgr->UnregisterHandle(pConnector);
     const std::uint32_t ulSession = pConnector->OpenSession();

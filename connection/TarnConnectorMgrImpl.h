@@ -64,9 +64,15 @@ public:
     bool OnConnectOK(int iGroupId, std::uint32_t ulTargetID, int* pResult,
                      const TarnConnectorImpl* pOnly = nullptr);
 
+    /// False inside a hook or a handler call: there the calling thread does not wait for others that may be
+    /// waiting for it.
+    static bool MayWaitForHooks();
     /// Waits until no thread is inside a hook of a connector that is not registered, so that no further one
     /// begins. Within a hook it does not wait.
     static void WaitForHooks(const TarnConnector& connector);
+    /// A connection that its owner has closed is disconnected, but goes on waiting for its next attempt if it is
+    /// queued for one.
+    static void SetDisconnectedUnlessQueued(TarnConnectorImpl& connector);
 
     // --- references ---
 
@@ -108,6 +114,12 @@ private:
     friend class TarnConnectorMgr;
 
     class HookUse;
+    struct Registration
+    {
+        TarnConnector* pConnector; // not owned
+        std::uint64_t uNumber;     // tells it from one that takes the key later
+    };
+
     TarnConnectorMgrImpl();
     ~TarnConnectorMgrImpl() override;
 
@@ -116,16 +128,17 @@ private:
     int OpenRegistered(TarnConnectorImpl* pConnector, bool bWait, int iWaitConnectCount);
     bool WaitConnectTarget(TarnConnectorImpl* pConnector, int nAttempts);
     bool TryConnectTarget(TarnConnectorImpl* pConnector, int nAttempts, int& nMade);
-    bool RemoveConnector(const ConnectionKey& key, const TarnConnector* pConnector,
-                         const TarnConnectorImpl& connection) TARN_EXCLUDES(m_RegistryLock);
+    bool RemoveConnector(const ConnectionKey& key, std::uint64_t uNumber) TARN_EXCLUDES(m_RegistryLock);
+    static void WaitForHooks(const int& nHooks);
+    static ConnectTargetKey KeyOf(TarnConnectorImpl& connector);
     static void AcquireUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static void ReleaseUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
-    static bool MayWaitForHooks();
     bool CallHook(const ConnectionKey& key, int* pResult, const TarnConnectorImpl* pOnly,
                   const char* pszOperation, int (TarnConnector::*pfnHook)());
 
     void FinishOpened(TarnConnectorImpl* pConnector);
     bool Serve(TarnConnectorImpl* pConnector);
+    int CloseWhile(TarnConnectorImpl* pConnector, bool (TarnConnectorImpl::*pfnWanted)() const);
     void CloseForRequest(TarnConnectorImpl* pConnector);
     void RenewRequest(TarnConnectorImpl* pConnector);
 
@@ -157,7 +170,8 @@ private:
     void CloseRetired(TarnConnectorImpl* pConnector);
 
     TarnRWThreadMutex m_RegistryLock;
-    std::map<ConnectionKey, TarnConnector*> m_mapConnector TARN_GUARDED_BY(m_RegistryLock);
+    std::map<ConnectionKey, Registration> m_mapConnector TARN_GUARDED_BY(m_RegistryLock);
+    std::uint64_t m_uRegistrations TARN_GUARDED_BY(m_RegistryLock) = 0;
 
     TarnRWThreadMutex m_RubbishLock;
     std::list<TarnConnectorImpl*> m_lstRubbish TARN_GUARDED_BY(m_RubbishLock); // owned

@@ -1,5 +1,6 @@
 #include "connection/TarnTCPConnectorImpl.h"
 
+#include "connection/TarnConnectorMgrImpl.h"
 #include "connection/TcpSocket.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
@@ -119,6 +120,6 @@ int TarnTCPConnectorImpl::DisConnect()
     const ACE_INET_Addr remoteAddress = RemoteAddress();
     TarnAdapterFrmtTrace(1, "Close Connect,Group=%d,(ID=0x%x),IP=%s,port=%d\n", GetGroupID(), GetTargetID(),
                          PeerText(remoteAddress).c_str(), static_cast<int>(remoteAddress.get_port_number()));
-    SetState(STATE_DISCONNECTED);
+    TarnConnectorMgrImpl::SetDisconnectedUnlessQueued(*this);
     return 0;
 }

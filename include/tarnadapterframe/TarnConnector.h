@@ -6,6 +6,7 @@
 #include "tarnadapterframe/TarnLock.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -127,8 +128,9 @@ private:
     TarnConnectorImpl* m_pImpl TARN_GUARDED_BY(m_ImplLock) = nullptr;
     // Held in read mode between TarnConnectorMgr::GetConnectorByID and ReleaseConnector.
     TarnRWThreadMutex m_UseLock;
-    // Calls of hooks under way; guarded by a lock of the connection manager's, for all connectors.
-    int m_nHooks = 0;
+    // Number of calls of hooks under way, guarded by a lock of the connection manager's for all connectors. Shared
+    // with who waits for them, since the connector may be destroyed as soon as there are none.
+    const std::shared_ptr<int> m_pHooks = std::make_shared<int>(0);
 };
 
 #endif

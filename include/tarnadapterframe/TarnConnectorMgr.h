@@ -70,7 +70,7 @@ public:
     /// the queued connections, which are STATE_DISCONNECTED then. Whatever is queued later waits for
     /// ResumeConnectThreads. Not to be called on a connect thread, that is, in OnConnectOK. @return 0
     virtual int StopConnectThreads() = 0;
-    /// @return 0
+    /// @return 0; -1 while the library is being stopped
     virtual int ResumeConnectThreads() = 0;
 
     TarnConnectorMgr(const TarnConnectorMgr&) = delete;

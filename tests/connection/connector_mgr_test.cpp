@@ -414,15 +414,24 @@ TEST_F(ConnectorMgr, UnregisteringWaitsForAHookOnAnotherThread)
     EXPECT_EQ(unregistered.get(), 0);
 }
 
-class ConnectorMgrKey : public ConnectorMgr, public testing::WithParamInterface<bool>
+enum class NextOwner
+{
+    ANOTHER_FACADE,
+    THE_SAME,
+    THE_SAME_WITH_ANOTHER_TRANSPORT,
+};
+class ConnectorMgrKey : public ConnectorMgr, public testing::WithParamInterface<NextOwner>
 {};
-INSTANTIATE_TEST_SUITE_P(BySameFacade, ConnectorMgrKey, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(NextOwners, ConnectorMgrKey,
+                         testing::Values(NextOwner::ANOTHER_FACADE, NextOwner::THE_SAME,
+                                         NextOwner::THE_SAME_WITH_ANOTHER_TRANSPORT));
 
 TEST_P(ConnectorMgrKey, UnregisteringLeavesWhatIsRegisteredMeanwhileAlone)
 {
     Start();
     const std::shared_ptr<TestConnector> pFirst = MakeConnector(1);
-    const std::shared_ptr<TestConnector> pSecond = GetParam() ? pFirst : MakeConnector(1);
+    const std::shared_ptr<TestConnector> pSecond =
+        GetParam() != NextOwner::ANOTHER_FACADE ? pFirst : MakeConnector(1);
     std::promise<void> inside;
     std::promise<void> goOn;
     std::atomic<bool> bFirst{true};
@@ -432,6 +441,8 @@ TEST_P(ConnectorMgrKey, UnregisteringLeavesWhatIsRegisteredMeanwhileAlone)
         inside.set_value();
         goOn.get_future().wait();
         EXPECT_EQ(pFirst->UnRegister(), 0);
+        if (GetParam() == NextOwner::THE_SAME_WITH_ANOTHER_TRANSPORT)
+            pFirst->Renew(1, element.Port());
         EXPECT_EQ(pSecond->Register(), 0);
     };
     ASSERT_EQ(pFirst->Register(), 0);
@@ -442,8 +453,41 @@ TEST_P(ConnectorMgrKey, UnregisteringLeavesWhatIsRegisteredMeanwhileAlone)
     ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(3, "waiting for a hook to return") > 0; }));
     goOn.set_value();
     EXPECT_EQ(unregistered.get(), 0);
-    EXPECT_TRUE(WaitOpened(*pSecond, GetParam() ? 2 : 1));
+    EXPECT_TRUE(WaitOpened(*pSecond, pSecond == pFirst ? 2 : 1));
     EXPECT_EQ(pSecond->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, ARegistrationThatOvertakesAnUnregistrationIsNotClosedByIt)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    host.StepIn("RequestDisConnect begin", [&] {
+        EXPECT_EQ(pConnector->UnRegister(), 0);
+        EXPECT_EQ(pConnector->Register(), 0);
+    });
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_TRUE(WaitOpened(*pConnector, 2));
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(pConnector->nDisorder, 0);
+}
+
+TEST_F(ConnectorMgr, AHookThatResumesDoesNotUndoTheStop)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    std::atomic<int> iResumed{1};
+    pConnector->onBroken = [&] {
+        EXPECT_TRUE(WaitUntil([&] { return Impl().ResumeConnectThreads() != 0; }));
+        iResumed = Impl().ResumeConnectThreads();
+    };
+    ASSERT_EQ(pConnector->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pConnector, 1));
+    element.DropAll(false);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->IsInHook(); }));
+    tarnadapter::Fini();
+    EXPECT_EQ(iResumed, -1);
 }
 
 TEST_F(ConnectorMgr, ARetiredConnectionNeitherCallsHooksNorComesBack)

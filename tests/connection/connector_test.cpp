@@ -106,11 +106,7 @@ TEST_F(Connector, TheTypeMayChangeWhileTheConnectorIsInUse)
         {
             for (int i = 0; i < StressRounds(200); ++i)
             {
-                EXPECT_EQ(pConnector->InitCommuProtocolType(TCP_TYPE), 0);
-                pConnector->SetGroupID(TestConnector::GROUP);
-                pConnector->SetTargetID(1);
-                pConnector->SetAdapterProtocolID(TestConnector::PROTOCOL);
-                pConnector->Reach(element.Port());
+                pConnector->Renew(1, element.Port());
                 Manager().RequestConnect(TestConnector::GROUP, 1);
                 if (i % 10 == 0)
                     TarnConnectorMgrImpl::Existing()->SweepRubbish();

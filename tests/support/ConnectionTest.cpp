@@ -9,11 +9,23 @@ constexpr std::uint32_t LOOPBACK = 0x7F000001;
 TestConnector::TestConnector(unsigned long ulTargetID, std::uint16_t usPort, ECommuProtocolType eType)
     : TarnConnector(eType)
 {
+    Identify(ulTargetID);
+    if (usPort != 0)
+        Reach(usPort);
+}
+
+void TestConnector::Identify(unsigned long ulTargetID)
+{
     SetGroupID(GROUP);
     SetTargetID(ulTargetID);
     SetAdapterProtocolID(PROTOCOL);
-    if (usPort != 0)
-        Reach(usPort);
+}
+
+void TestConnector::Renew(unsigned long ulTargetID, std::uint16_t usPort)
+{
+    EXPECT_EQ(InitCommuProtocolType(TCP_TYPE), 0);
+    Identify(ulTargetID);
+    Reach(usPort);
 }
 
 int TestConnector::Reach(std::uint16_t usPort)

@@ -18,7 +18,8 @@ public:
     explicit TestConnector(unsigned long ulTargetID, std::uint16_t usPort = 0,
                            ECommuProtocolType eType = TCP_TYPE);
 
-    int Reach(std::uint16_t usPort); ///< gives the transport its address
+    int Reach(std::uint16_t usPort);                            ///< gives the transport its address
+    void Renew(unsigned long ulTargetID, std::uint16_t usPort); ///< takes another transport, as the first was
     ACE_HANDLE Handle() { return static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(GetHandle())); }
     TarnConnectorImpl* Impl() { return static_cast<TarnConnectorImpl*>(GetTarnConnectorImpl()); }
     int Register(bool bWait = false, int nAttempts = 0);
@@ -41,6 +42,8 @@ public:
     static constexpr std::uint32_t PROTOCOL = 77;
 
 private:
+    void Identify(unsigned long ulTargetID);
+
     std::atomic<int> m_nInside{0};
     std::atomic<bool> m_bUp{false};
 };
