@@ -520,6 +520,8 @@ TEST_F(ConnectionCore, WritingToADeafElementDoesNotSpin)
     StartKeeping();
     const SocketPair deafPair;
     const SocketPair pair;
+    const int iSmall = 4096; // less than one call sends, so that it comes to the end of the socket's room
+    ASSERT_EQ(setsockopt(deafPair.iNear, SOL_SOCKET, SO_SNDBUF, &iSmall, sizeof(iSmall)), 0);
     CountingConnection deaf;
     deaf.set_handle(deafPair.iNear);
     ASSERT_EQ(AsyncIO().RegisterHandle(&deaf), 0);
