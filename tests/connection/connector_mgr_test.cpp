@@ -353,6 +353,52 @@ TEST_F(ConnectorMgr, AConnectionThatItsOwnerOpensWhileItIsQueuedStaysOpen)
     EXPECT_TRUE(WaitUntil([&] { return element.Open() == 0; }));
 }
 
+TEST_F(ConnectorMgr, IdleConnectThreadsShareWhatComesAtOnce)
+{
+    host.SetCfg("nConnectThreadNum", "2");
+    Start();
+    const auto pFirst = MakeConnector(1);
+    const auto pSecond = MakeConnector(2);
+    ASSERT_EQ(pFirst->Register(), 0);
+    ASSERT_EQ(pSecond->Register(), 0);
+    ASSERT_TRUE(WaitOpened(*pFirst, 1));
+    ASSERT_TRUE(WaitOpened(*pSecond, 1));
+    HangingListener hanging;
+    for (int iRound = 0; iRound < 4; ++iRound)
+    {
+        TestConnector slow(3, hanging.Port());
+        TestConnector slowToo(4, hanging.Port());
+        host.ClearLines();
+        for (TestConnector* pSlow : {&slow, &slowToo})
+        {
+            pSlow->SetConnTimeOut(1);
+            pSlow->SetMaxConnectCount(1);
+            EXPECT_EQ(pSlow->Register(), 0);
+        }
+        // Neither waits for the other's attempt to be over.
+        EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "Before Connect") == 2; }));
+        EXPECT_EQ(host.CountContaining(1, "After Connect, connect fail"), 0);
+        for (TestConnector* pSlow : {&slow, &slowToo})
+            EXPECT_EQ(pSlow->UnRegister(), 0);
+    }
+    for (TestConnector* pEach : {pFirst.get(), pSecond.get()})
+        EXPECT_EQ(pEach->UnRegister(), 0);
+}
+
+// Takes as long as a connect thread waits for work.
+TEST_F(ConnectorMgr, WhatComesWhileTheLastConnectThreadLeavesIsServed)
+{
+    host.SetCfg("nConnectThreadNum", "1");
+    Start();
+    const auto pFirst = MakeConnector(1);
+    const auto pLate = MakeConnector(2);
+    host.StepIn(" leave this new connect thread", [&] { EXPECT_EQ(pLate->Register(), 0); });
+    ASSERT_EQ(pFirst->Register(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return pLate->nOpened == 1; }, std::chrono::seconds(80)));
+    EXPECT_EQ(pLate->UnRegister(), 0);
+    EXPECT_EQ(pFirst->UnRegister(), 0);
+}
+
 TEST_F(ConnectorMgr, HooksMayCallAnything)
 {
     Start();
