@@ -1,5 +1,15 @@
 #include "core/ManagerParts.h"
 
 #include "asyncio/AsyncIOLife.h"
+#include "tarnadapterframe/TarnAsn1ProtocolAdapter.h"
 
-ManagerParts g_ManagerParts = {nullptr, &StartAsyncIO, &StopAsyncIO, &DestroyAsyncIO};
+namespace {
+
+TarnProtocolAdapter* BuiltInAdapter()
+{
+    return TarnAsn1ProtocolAdapter::Instance();
+}
+
+} // namespace
+
+ManagerParts g_ManagerParts = {&BuiltInAdapter, &StartAsyncIO, &StopAsyncIO, &DestroyAsyncIO};

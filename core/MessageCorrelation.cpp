@@ -89,12 +89,29 @@ int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
                              "TEAdapterManager::UnRegisterSourceMessage, not found source message in map.\n");
         return 0;
     }
+    EraseSourceLocked(it);
+    return 0;
+}
+
+void TEAdapterManager::ForgetSourceMessage(const TEMessage& source)
+{
+    TEAdapterManager* pManager = m_pInstance.load(std::memory_order_acquire);
+    TEMessageUnit sourceUnit;
+    if (pManager == nullptr || !GetUnit(source, sourceUnit))
+        return;
+    const TarnGuard guard(pManager->m_MsgMapMtx);
+    const auto it = pManager->m_mapMsgInfo.find(sourceUnit);
+    if (it != pManager->m_mapMsgInfo.end() && it->second.pSource == &source)
+        pManager->EraseSourceLocked(it);
+}
+
+void TEAdapterManager::EraseSourceLocked(MapMsgInfo::iterator it)
+{
     for (const TEMessageUnit& sinkUnit : it->second.lstSinkUnit)
         m_mapSinkToSource.erase(sinkUnit);
     ++m_uErasedInfos;
     // Out of the map before it is destroyed: the destructor of a message that it owns may come back here.
     const auto node = m_mapMsgInfo.extract(it);
-    return 0;
 }
 
 int TEAdapterManager::UnRegisterSinkMessage(TEMessage* pSinkMsg)

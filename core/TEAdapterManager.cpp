@@ -7,6 +7,7 @@
 #include "core/MessageAdapterTable.h"
 #include "core/ReactorLoop.h"
 #include "core/StopGate.h"
+#include "core/SyncWaits.h"
 #include "core/TEMessageTimer.h"
 #include "core/ThreadsLeft.h"
 #include "platform/tarnplatform.h"
@@ -47,18 +48,25 @@ TEAdapterManager* TEAdapterManager::Instance()
 
 void TEAdapterManager::Destroy()
 {
+    if (s_bDestroying.exchange(true))
+        return;
+    struct Destroying
+    {
+        ~Destroying() { s_bDestroying = false; }
+    };
+    const Destroying destroying;
     TEAdapterManager* pManager = m_pInstance.load(std::memory_order_acquire);
     if (pManager == nullptr)
-        return;
-    if (s_bDestroying.exchange(true))
         return;
     // Before the lock is taken: a tick or a hook under way may be the first to use some singleton, and so may
     // want it. A tick may also wait for room in a queue, until asynchronous I/O lets it go.
     pManager->m_pStartGate->ShutAndWait();
     pManager->m_pTickGate->Shut();
+    SyncWaits::Shut();
     if (s_bStarted && g_ManagerParts.pfnStopAsyncIO != nullptr)
         g_ManagerParts.pfnStopAsyncIO();
     pManager->m_pTickGate->ShutAndWait();
+    SyncWaits::WaitUntilNone();
     const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
     {
         ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
@@ -69,7 +77,6 @@ void TEAdapterManager::Destroy()
     }
     // After it is released: what runs at a thread's end is the application's, too.
     pTimerThreadsLeft->WaitUntilNone();
-    s_bDestroying = false;
 }
 
 TEAdapterManager::TEAdapterManager()
@@ -77,6 +84,7 @@ TEAdapterManager::TEAdapterManager()
     , m_pStartGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
     , m_pTickGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
 {
+    SyncWaits::Open();
     if (g_ManagerParts.pfnBuiltInAdapter == nullptr)
         return;
     m_pBuiltInAdapter = g_ManagerParts.pfnBuiltInAdapter();

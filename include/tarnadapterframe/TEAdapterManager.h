@@ -164,6 +164,7 @@ public:
 
 private:
     friend class TEMessageTimer;
+    friend class TarnAsn1Message;
 
     TEAdapterManager();
     ~TEAdapterManager();
@@ -222,6 +223,7 @@ private:
     void CollectExpired(MapMsgInfo& mapExpired) TARN_EXCLUDES(m_MsgMapMtx);
     bool IsAsynchronousLocked(MapMsgInfo::iterator& it) TARN_REQUIRES(m_MsgMapMtx);
     static bool HasExpiredLocked(TEMessageInfo& info);
+    void EraseSourceLocked(MapMsgInfo::iterator it) TARN_REQUIRES(m_MsgMapMtx);
     void UnlinkExpiredSinksLocked(const TEMessageInfo& info) TARN_REQUIRES(m_MsgMapMtx);
 
     // Guarded by m_MsgMapMtx.
@@ -256,6 +258,9 @@ private:
     // Passed by requests to start asynchronous I/O, and by ticks; shut by the stop.
     const std::unique_ptr<StopGate> m_pStartGate;
     const std::unique_ptr<StopGate> m_pTickGate;
+
+    /// Takes a source that is being destroyed out of the maps, if it is in there. Silent; without manager nothing.
+    static void ForgetSourceMessage(const TEMessage& source);
 
     static std::atomic<TEAdapterManager*> m_pInstance;
     static std::atomic<bool> s_bDestroying; ///< a thread is inside Destroy

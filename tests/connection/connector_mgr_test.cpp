@@ -373,8 +373,8 @@ TEST_F(ConnectorMgr, IdleConnectThreadsShareWhatComesAtOnce)
         {
             pSlow->SetConnTimeOut(1);
             pSlow->SetMaxConnectCount(1);
-            EXPECT_EQ(pSlow->Register(), 0);
         }
+        RunTogether(2, [&](int iThread) { EXPECT_EQ((iThread == 0 ? slow : slowToo).Register(), 0); });
         // Neither waits for the other's attempt to be over.
         EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "Before Connect") == 2; }));
         EXPECT_EQ(host.CountContaining(1, "After Connect, connect fail"), 0);

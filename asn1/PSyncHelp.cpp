@@ -1,0 +1,264 @@
+#include "tarnadapterframe/PSyncHelp.h"
+
+#include "asn1/SyncCon.h"
+#include "core/SyncWaits.h"
+#include "tarnadapterframe/TEAdapterManager.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TarnAsn1Message.h"
+
+#include <utility>
+
+namespace {
+
+constexpr int HANDLED = 1;
+constexpr int COMPLETED = -6;
+constexpr int SNMP_CLASS_TL_FAILED = -22;
+constexpr int NOT_ANSWERED = -8888;
+
+/// Holds the correlation lock for its own lifetime: responses are handled inside it.
+class NoResponses
+{
+public:
+    NoResponses() TARN_NO_THREAD_SAFETY_ANALYSIS : m_pManager(TEAdapterManager::Instance())
+    {
+        if (m_pManager != nullptr)
+            m_pManager->AcquireMsgMapMtx();
+    }
+    ~NoResponses() TARN_NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (m_pManager != nullptr)
+            m_pManager->ReleaseMsgMapMtx();
+    }
+    NoResponses(const NoResponses&) = delete;
+    NoResponses& operator=(const NoResponses&) = delete;
+
+private:
+    TEAdapterManager* const m_pManager;
+};
+
+} // namespace
+
+PSyncHelp::PSyncHelp() = default;
+
+PSyncHelp::~PSyncHelp()
+{
+    delete m_SyncCon.load();
+}
+
+void PSyncHelp::SetTimeOut(int nSeconds)
+{
+    const TarnWriteGuard guard(m_TimeOutLock);
+    m_nTimeOut = nSeconds;
+}
+
+int PSyncHelp::GetTimeOut()
+{
+    const TarnReadGuard guard(m_TimeOutLock);
+    return m_nTimeOut;
+}
+
+void PSyncHelp::Prepare(TarnAsn1Message& message, int iResult)
+{
+    message.SetSyncFlag(PSYNC_MESSAGE);
+    message.SetType(COMMAND_MESSAGE);
+    message.SetResult(iResult);
+    message.m_pOwnerList = this;
+}
+
+bool PSyncHelp::MakeSyncCon(const char*& pszFailed)
+{
+    if (m_SyncCon == nullptr)
+        m_SyncCon = SyncCon::Create(pszFailed).release();
+    return m_SyncCon != nullptr;
+}
+
+void PSyncHelp::ResetCount()
+{
+    const TarnGuard guard(m_ListMutex);
+    m_nReceived = 0;
+    m_bWaiting = false;
+}
+
+int PSyncHelp::AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, void* pUserData2,
+                                   void* pUserData3, void* pUserData4)
+{
+    if (pMessage == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "PSyncHelp::AsynSendAsn1Message fail, input para pMessage=NULL\n");
+        return -1;
+    }
+    Prepare(*pMessage, ADAPTER_ERR_TIMEOUT);
+    const char* pszFailed = nullptr;
+    if (!MakeSyncCon(pszFailed))
+        return ADAPTER_ERR_NO_MEMORY;
+    const MsgContext context = {pMessage, pUserData1, pUserData2, pUserData3, pUserData4};
+    const int iResult = pMessage->HandleMessage();
+    if (iResult == HANDLED)
+        delete pMessage;
+    else if (iResult == 0)
+    {
+        const TarnGuard guard(m_ListMutex);
+        m_lstMessages.push_back(context);
+    }
+    else if (iResult == COMPLETED)
+    {
+        const TarnGuard guard(m_ListMutex);
+        pMessage->SetResult(0);
+        m_lstMessages.push_back(context);
+        ++m_nReceived;
+    }
+    else
+        return iResult;
+    return 0;
+}
+
+int PSyncHelp::AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages, void* /*pUnused1*/,
+                                        void* /*pUnused2*/, void* /*pUnused3*/, void* /*pUnused4*/)
+{
+    {
+        const TarnGuard guard(m_ListMutex);
+        m_lstMessages = lstMessages;
+        m_nReceived = 0;
+    }
+    if (lstMessages.empty())
+    {
+        TarnAdapterFrmtTrace(1, "AsyncSendAsn1MessageList : msgList is empty.\n");
+        return 0;
+    }
+    const char* pszFailed = nullptr;
+    if (!MakeSyncCon(pszFailed))
+    {
+        lstMessages.front().pAsn1Msg->SetResult(ADAPTER_ERR_NO_MEMORY);
+        TarnAdapterFrmtTrace(1, "AsyncSendAsn1MessageList : new %s fail.\n", pszFailed);
+        return -1;
+    }
+    return SendList(lstMessages);
+}
+
+/// @param lstMessages  a copy: an answer may come while the list is being sent
+int PSyncHelp::SendList(std::list<MsgContext> lstMessages)
+{
+    std::size_t uSent = 0;
+    for (const MsgContext& context : lstMessages)
+    {
+        TarnAsn1Message& message = *context.pAsn1Msg;
+        Prepare(message, NOT_ANSWERED);
+        const int iResult = message.HandleMessage();
+        if (iResult == 0)
+        {
+            ++uSent;
+            continue;
+        }
+        if (iResult == SNMP_CLASS_TL_FAILED)
+            return AbandonList(lstMessages, &message, iResult);
+        message.CancelMessage();
+        message.SetResult(iResult);
+        TarnAdapterFrmtTrace(3, "AsyncSendAsn1MessageList : get a error %d.%d,%d.\n", iResult,
+                             static_cast<int>(uSent), CountOne());
+    }
+    if (uSent == lstMessages.size())
+        return 0;
+    if (uSent != 0)
+        return 1;
+    ResetCount();
+    return -1;
+}
+
+/// Counts a message as answered. @return how many are
+int PSyncHelp::CountOne()
+{
+    const TarnGuard guard(m_ListMutex);
+    return ++m_nReceived;
+}
+
+/// Forgets the messages of a list up to the one that failed.
+int PSyncHelp::AbandonList(const std::list<MsgContext>& lstMessages, const TarnAsn1Message* pLast,
+                           int iResult)
+{
+    for (const MsgContext& context : lstMessages)
+    {
+        context.pAsn1Msg->CancelMessage();
+        if (context.pAsn1Msg == pLast)
+            break;
+    }
+    lstMessages.front().pAsn1Msg->SetResult(iResult);
+    ResetCount();
+    TarnAdapterFrmtTrace(1, "AsyncSendAsn1MessageList : get SNMP_CLASS_TL_FAILED fail.%d\n", iResult);
+    return -1;
+}
+
+void PSyncHelp::ReceiveRespMsg(TarnAsn1Message* /*pMessage*/, bool& bAllReceived)
+{
+    const TarnGuard guard(m_ListMutex);
+    ++m_nReceived;
+    if (!m_bWaiting || m_nReceived != static_cast<int>(m_lstMessages.size()))
+        return;
+    m_nReceived = 0;
+    bAllReceived = true;
+}
+
+int PSyncHelp::Signal()
+{
+    if (SyncCon* pSyncCon = m_SyncCon)
+        pSyncCon->Change([](SyncCon& con) { con.iFlag = 1; });
+    return 0;
+}
+
+int PSyncHelp::Waiting(int nTimeOut, std::list<MsgContext>& lstOut)
+{
+    const SyncWaits::Inside wait; // held until the messages are forgotten
+    SetTimeOut(nTimeOut);
+    {
+        // Whoever has counted the last answer has left the message and this object before they are the caller's.
+        const NoResponses noResponses;
+        const TarnGuard guard(m_ListMutex);
+        if (static_cast<int>(m_lstMessages.size()) == m_nReceived)
+        {
+            lstOut = std::exchange(m_lstMessages, {});
+            m_nReceived = 0;
+            m_bWaiting = false;
+            return 0;
+        }
+        m_bWaiting = true;
+    }
+    TarnAdapterFrmtTrace(3, "PSyncHelp::Waiting begin-----------------------");
+    SyncCon* pSyncCon = m_SyncCon;
+    if (pSyncCon == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "PSyncHelp::Waiting , NULL m_SyncCon");
+        return 1;
+    }
+    const SyncCon::Outcome outcome =
+        pSyncCon->Wait([this] { return GetTimeOut(); }, [pSyncCon] { return pSyncCon->iFlag != 0; });
+    TarnAdapterFrmtTrace(3, "#####PSyncHelp::Waiting iCurtimeout:%d. nRealTimeout:%d.\n", outcome.iTicks,
+                         outcome.nRealTimeout);
+    TarnAdapterFrmtTrace(3, "PSyncHelp::Waiting end-------------------------");
+    {
+        const TarnGuard guard(m_ListMutex);
+        lstOut = std::exchange(m_lstMessages, {});
+    }
+    // Also waits for an answer that is being delivered, to the Signal that follows it.
+    for (const MsgContext& context : lstOut)
+        context.pAsn1Msg->CancelMessage();
+    ResetCount();
+    pSyncCon->Change([](SyncCon& con) { con.iFlag = 0; });
+    return outcome.bSignalled ? 0 : 1;
+}
+
+int PSyncHelp::ClearAsn1Msg()
+{
+    std::list<MsgContext> lstMessages;
+    {
+        const NoResponses noResponses;
+        const TarnGuard guard(m_ListMutex);
+        m_nReceived = 0;
+        m_bWaiting = false;
+        lstMessages.swap(m_lstMessages);
+        for (const MsgContext& context : lstMessages)
+            context.pAsn1Msg->CancelMessage();
+    }
+    // Nobody can find them any more. Their destructors are the application's, and run without lock.
+    for (const MsgContext& context : lstMessages)
+        delete context.pAsn1Msg;
+    return 0;
+}

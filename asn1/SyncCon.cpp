@@ -1,0 +1,59 @@
+#include "asn1/SyncCon.h"
+
+#include "core/SyncWaits.h"
+#include "tarnadapterframe/tarntaskmgr.h"
+
+#include <ace/Guard_T.h>
+#include <ace/Monotonic_Time_Policy.h>
+
+#include <new>
+
+std::unique_ptr<SyncCon> SyncCon::Create(const char*& pszFailed)
+{
+    pszFailed = "ACE_Thread_Mutex";
+    std::unique_ptr<SyncCon> pSyncCon(new (std::nothrow) SyncCon);
+    if (pSyncCon == nullptr)
+        return nullptr;
+    pSyncCon->m_pMutex.reset(new (std::nothrow) ACE_Thread_Mutex);
+    if (pSyncCon->m_pMutex == nullptr)
+        return nullptr;
+    pszFailed = "ACE_Condition";
+    const ACE_Condition_Attributes_T<ACE_Monotonic_Time_Policy> steady;
+    pSyncCon->m_pCondition.reset(new (std::nothrow)
+                                     ACE_Condition<ACE_Thread_Mutex>(*pSyncCon->m_pMutex, steady));
+    if (pSyncCon->m_pCondition == nullptr)
+        return nullptr;
+    return pSyncCon;
+}
+
+void SyncCon::Change(const std::function<void(SyncCon&)>& change)
+{
+    ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
+    change(*this);
+    m_pCondition->signal(); // before the mutex is released: the waiting thread may destroy this then
+}
+
+SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)
+{
+    Outcome outcome = {false, 0, 0, 0};
+    const ACE_Time_Value start = ACE_Monotonic_Time_Policy()();
+    ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *m_pMutex, outcome);
+    while (!TarnIsExit() && !SyncWaits::IsStopping())
+    {
+        outcome.nRealTimeout = timeOut();
+        if (outcome.iTicks >= outcome.nRealTimeout)
+            break;
+        ++outcome.iTicks;
+        const ACE_Time_Value deadline = start + ACE_Time_Value(outcome.iTicks);
+        // A wake-up that nothing caused goes on waiting for the same tick.
+        int iWait = 0;
+        while (!isDone() && iWait != -1)
+            iWait = m_pCondition->wait(&deadline);
+        if (!isDone())
+            continue;
+        outcome.bSignalled = true;
+        outcome.iFlag = iFlag;
+        break;
+    }
+    return outcome;
+}

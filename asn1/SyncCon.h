@@ -1,0 +1,51 @@
+#ifndef TARN_ASN1_SYNCCON_H
+#define TARN_ASN1_SYNCCON_H
+
+#include <ace/Condition_Thread_Mutex.h>
+#include <ace/Thread_Mutex.h>
+
+#include <functional>
+#include <memory>
+
+/// What one thread waits on for an answer, in ticks of a second, and others wake.
+///
+/// The ticks are measured from one start on a steady clock, so a change of the system's time neither hastens nor
+/// delays a wait. The mutex guards what is waited for, and is held but for the wait itself: an event that comes
+/// between two ticks is seen at the next look.
+class SyncCon
+{
+public:
+    /// @param pszFailed  set to what could not be created when null is returned
+    static std::unique_ptr<SyncCon> Create(const char*& pszFailed);
+
+    SyncCon(const SyncCon&) = delete;
+    SyncCon& operator=(const SyncCon&) = delete;
+
+    /// Changes something under the mutex and wakes the waiting thread.
+    void Change(const std::function<void(SyncCon&)>& change);
+
+    struct Outcome
+    {
+        bool bSignalled;  ///< isDone has become true
+        int iFlag;        ///< as it was then
+        int iTicks;       ///< begun
+        int nRealTimeout; ///< ticks, as last asked for
+    };
+    /// Waits until isDone, the time is over, the process is exiting or the library is being stopped. The caller is
+    /// inside SyncWaits.
+    /// @param timeOut  asked at each tick, for the whole time in ticks; called with the mutex held
+    /// @param isDone   asked with the mutex held
+    Outcome Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone);
+
+    // Guarded by the mutex.
+    int iFlag = 0; ///< the response has come; all have come
+    bool bCancelled = false;
+
+private:
+    SyncCon() = default;
+
+    std::unique_ptr<ACE_Thread_Mutex> m_pMutex;
+    std::unique_ptr<ACE_Condition<ACE_Thread_Mutex>> m_pCondition;
+};
+
+#endif
