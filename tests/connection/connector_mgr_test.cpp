@@ -355,34 +355,30 @@ TEST_F(ConnectorMgr, AConnectionThatItsOwnerOpensWhileItIsQueuedStaysOpen)
 
 TEST_F(ConnectorMgr, IdleConnectThreadsShareWhatComesAtOnce)
 {
-    host.SetCfg("nConnectThreadNum", "2");
+    constexpr int THREADS = 8;
+    host.SetCfg("nConnectThreadNum", std::to_string(THREADS));
     Start();
-    const auto pFirst = MakeConnector(1);
-    const auto pSecond = MakeConnector(2);
-    ASSERT_EQ(pFirst->Register(), 0);
-    ASSERT_EQ(pSecond->Register(), 0);
-    ASSERT_TRUE(WaitOpened(*pFirst, 1));
-    ASSERT_TRUE(WaitOpened(*pSecond, 1));
     HangingListener hanging;
-    for (int iRound = 0; iRound < 4; ++iRound)
+    std::vector<std::unique_ptr<TestConnector>> quick;
+    std::vector<std::unique_ptr<TestConnector>> slow;
+    for (int i = 0; i < THREADS; ++i)
     {
-        TestConnector slow(3, hanging.Port());
-        TestConnector slowToo(4, hanging.Port());
-        host.ClearLines();
-        for (TestConnector* pSlow : {&slow, &slowToo})
-        {
-            pSlow->SetConnTimeOut(1);
-            pSlow->SetMaxConnectCount(1);
-        }
-        RunTogether(2, [&](int iThread) { EXPECT_EQ((iThread == 0 ? slow : slowToo).Register(), 0); });
-        // Neither waits for the other's attempt to be over.
-        EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "Before Connect") == 2; }));
-        EXPECT_EQ(host.CountContaining(1, "After Connect, connect fail"), 0);
-        for (TestConnector* pSlow : {&slow, &slowToo})
-            EXPECT_EQ(pSlow->UnRegister(), 0);
+        // Each brings a thread, which is idle afterwards.
+        quick.push_back(MakeConnector(static_cast<unsigned long>(i)));
+        ASSERT_EQ(quick.back()->Register(), 0);
+        ASSERT_TRUE(WaitOpened(*quick.back(), 1));
+        slow.push_back(std::make_unique<TestConnector>(static_cast<unsigned long>(100 + i), hanging.Port()));
+        slow.back()->SetConnTimeOut(2);
+        slow.back()->SetMaxConnectCount(1);
     }
-    for (TestConnector* pEach : {pFirst.get(), pSecond.get()})
-        EXPECT_EQ(pEach->UnRegister(), 0);
+    host.ClearLines();
+    RunTogether(THREADS, [&](int i) { EXPECT_EQ(slow[static_cast<std::size_t>(i)]->Register(), 0); });
+    // None waits for another's attempt to be over.
+    EXPECT_TRUE(WaitUntil([&] { return host.CountContaining(1, "Before Connect") >= THREADS; }));
+    EXPECT_EQ(host.CountContaining(1, "After Connect, connect fail"), 0);
+    for (const auto* pConnectors : {&quick, &slow})
+        for (const auto& pConnector : *pConnectors)
+            EXPECT_EQ(pConnector->UnRegister(), 0);
 }
 
 // Takes as long as a connect thread waits for work.
