@@ -1,6 +1,7 @@
 #include "tarnadapterframe/PSyncHelp.h"
 
 #include "asn1/SyncCon.h"
+#include "core/ExistingManager.h"
 #include "core/SyncWaits.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -19,21 +20,21 @@ constexpr int NOT_ANSWERED = -8888;
 class NoResponses
 {
 public:
-    NoResponses() TARN_NO_THREAD_SAFETY_ANALYSIS : m_pManager(TEAdapterManager::Instance())
+    NoResponses() TARN_NO_THREAD_SAFETY_ANALYSIS
     {
-        if (m_pManager != nullptr)
-            m_pManager->AcquireMsgMapMtx();
+        if (m_Manager.Get() != nullptr)
+            m_Manager.Get()->AcquireMsgMapMtx();
     }
     ~NoResponses() TARN_NO_THREAD_SAFETY_ANALYSIS
     {
-        if (m_pManager != nullptr)
-            m_pManager->ReleaseMsgMapMtx();
+        if (m_Manager.Get() != nullptr)
+            m_Manager.Get()->ReleaseMsgMapMtx();
     }
     NoResponses(const NoResponses&) = delete;
     NoResponses& operator=(const NoResponses&) = delete;
 
 private:
-    TEAdapterManager* const m_pManager;
+    const ExistingManager m_Manager;
 };
 
 } // namespace
@@ -115,6 +116,14 @@ int PSyncHelp::AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, 
 int PSyncHelp::AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages, void* /*pUnused1*/,
                                         void* /*pUnused2*/, void* /*pUnused3*/, void* /*pUnused4*/)
 {
+    for (const MsgContext& context : lstMessages)
+    {
+        if (context.pAsn1Msg == nullptr)
+        {
+            TarnAdapterFrmtTrace(1, "AsyncSendAsn1MessageList : msgList holds a NULL message.\n");
+            return -1;
+        }
+    }
     {
         const TarnGuard guard(m_ListMutex);
         m_lstMessages = lstMessages;

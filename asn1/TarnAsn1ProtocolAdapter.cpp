@@ -1,6 +1,7 @@
 #include "tarnadapterframe/TarnAsn1ProtocolAdapter.h"
 
 #include "core/ApplicationCall.h"
+#include "core/ExistingManager.h"
 #include "core/ManagerParts.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -49,8 +50,8 @@ int TarnAsn1ProtocolAdapter::CancelMessage(TEMessage* pMessage)
         TarnAdapterFrmtTrace(1, "TarnAsn1ProtocolAdapter::CancelMessage, not a TarnAsn1Message\n");
         return -1;
     }
-    TEAdapterManager* pManager = TEAdapterManager::Instance();
-    return pManager != nullptr ? pManager->UnRegisterSourceMessage(pMessage) : -1;
+    const ExistingManager manager; // without one nothing is announced
+    return manager.Get() != nullptr ? manager.Get()->UnRegisterSourceMessage(pMessage) : 0;
 }
 
 int TarnAsn1ProtocolAdapter::HandleMessage(TEMessage* pMessage)

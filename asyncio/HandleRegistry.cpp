@@ -231,7 +231,6 @@ void TEAsyncIOMgrImpl::UnregisterLocked(TarnConnectorImpl& connector)
 bool TEAsyncIOMgrImpl::EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& connector)
 {
     const TarnGuard guard(m_RegistryLock);
-    connector.SetRegistered(false);
     if (handle == ACE_INVALID_HANDLE)
     {
         TarnAdapterFrmtTrace(2, "TEAsyncIOMgrImpl::UnregisterHandle, invalid handle\n");
@@ -240,6 +239,7 @@ bool TEAsyncIOMgrImpl::EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& con
             if (it->second != &connector)
                 continue;
             m_mapConnector.erase(it);
+            connector.SetRegistered(false);
             TarnAdapterFrmtTrace(
                 1,
                 "UnregisterHandle, handle = -1,but find handle in the map,,groupid = %d,targetID "
@@ -254,6 +254,7 @@ bool TEAsyncIOMgrImpl::EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& con
     if (it != m_mapConnector.end() && it->second == &connector)
     {
         m_mapConnector.erase(it);
+        connector.SetRegistered(false);
         TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(&connector);
         return true;
     }

@@ -17,7 +17,8 @@ bool IsLater(std::uint32_t ulSession, std::uint32_t ulOther)
 void TarnConnectorImpl::set_handle(ACE_HANDLE handle)
 {
     const TarnGuard guard(m_RegistrationMutex);
-    TakeBackRegistration();
+    if (IsServed())
+        TakeBackRegistration();
     const DescriptorGuard::Change change(m_DescriptorGuard);
     StoreHandle(handle);
 }
@@ -45,7 +46,8 @@ ACE_HANDLE TarnConnectorImpl::UsableHandle()
 int TarnConnectorImpl::CloseDescriptor(const std::function<int()>& close)
 {
     const TarnGuard guard(m_RegistrationMutex);
-    TakeBackRegistration();
+    if (IsRegistered())
+        TakeBackRegistration();
     const DescriptorGuard::Change change(m_DescriptorGuard);
     const int iResult = close();
     if (iResult != 0)
@@ -59,8 +61,6 @@ int TarnConnectorImpl::CloseDescriptor(const std::function<int()>& close)
 /// A registration that is left behind would read the next owner of the number.
 void TarnConnectorImpl::TakeBackRegistration()
 {
-    if (!IsServed())
-        return;
     if (TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing())
         pAsyncIOMgr->UnregisterLocked(*this);
 }

@@ -227,10 +227,9 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     // What has happened is told as long as the connector can be found.
     while (MayWaitForHooks() && !(*pin)->WaitForHooks(HOOK_POLL))
         LogHookWait();
-    if (RemoveConnector(key, registration.uNumber))
-        WaitForHooks(*pHooks);
-    else // another thread has been faster, and may have destroyed the connector
+    if (!RemoveConnector(key, registration.uNumber)) // another thread has been faster
         TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
+    WaitForHooks(*pHooks);
     TarnAdapterFrmtTrace(1, "UnRegisterConnector sucess ! groupId = %d, TargetId = 0x%x\n", iGroupId,
                          key.ulTargetID);
     return 0;

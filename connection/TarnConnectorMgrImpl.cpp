@@ -16,8 +16,9 @@
 namespace {
 
 std::atomic<TarnConnectorMgrImpl*> g_pConnectorMgr{nullptr};
-// Held while a connection is given to the manager, so that the manager cannot go meanwhile.
-std::mutex g_RetireMutex;
+// Held while a facade's thread, which the manager does not wait for, uses it, so that it cannot go meanwhile. Comes
+// before the queue mutex and the rubbish lock.
+std::mutex g_UseMutex;
 
 } // namespace
 
@@ -72,7 +73,7 @@ TarnConnectorMgrImpl::~TarnConnectorMgrImpl()
 {
     {
         // Whoever retires a connection from now on deletes it.
-        const std::lock_guard<std::mutex> guard(g_RetireMutex);
+        const std::lock_guard<std::mutex> guard(g_UseMutex);
         g_pConnectorMgr.store(nullptr, std::memory_order_release);
     }
     {
@@ -122,8 +123,9 @@ int TarnConnectorMgrImpl::ReleaseConnectorImplDecRef(TarnConnectorImpl* pConnect
     return 0;
 }
 
-void TarnConnectorMgrImpl::SetDisconnectedUnlessQueued(TarnConnectorImpl& connector)
+void TarnConnectorMgrImpl::SetClosed(TarnConnectorImpl& connector)
 {
+    const std::lock_guard<std::mutex> useGuard(g_UseMutex);
     TarnConnectorMgrImpl* pManager = Existing();
     if (pManager == nullptr)
     {
@@ -131,8 +133,8 @@ void TarnConnectorMgrImpl::SetDisconnectedUnlessQueued(TarnConnectorImpl& connec
         return;
     }
     const TarnGuard guard(*pManager->m_pConnectQuequeMutex);
-    if (pManager->m_pConnectQueque->count(KeyOf(connector)) == 0)
-        connector.SetState(STATE_DISCONNECTED);
+    const bool bQueued = pManager->m_pConnectQueque->count(KeyOf(connector)) != 0;
+    connector.SetState(bQueued ? STATE_CONNECTING : STATE_DISCONNECTED);
 }
 
 ConnectTargetKey TarnConnectorMgrImpl::KeyOf(TarnConnectorImpl& connector)
@@ -145,7 +147,7 @@ void TarnConnectorMgrImpl::RetireConnection(TarnConnectorImpl* pConnector)
     if (pConnector == nullptr)
         return;
     {
-        const std::lock_guard<std::mutex> guard(g_RetireMutex);
+        const std::lock_guard<std::mutex> guard(g_UseMutex);
         if (TarnConnectorMgrImpl* pManager = Existing())
         {
             pManager->AddRubbishTarnConnectorImpl(pConnector);

@@ -70,9 +70,9 @@ public:
     /// Waits until no thread is inside a hook of a connector that is not registered, so that no further one
     /// begins. Within a hook it does not wait.
     static void WaitForHooks(const TarnConnector& connector);
-    /// A connection that its owner has closed is disconnected, but goes on waiting for its next attempt if it is
-    /// queued for one.
-    static void SetDisconnectedUnlessQueued(TarnConnectorImpl& connector);
+    /// Sets the state of a connection that has been closed: disconnected, or connecting if it is queued for its next
+    /// attempt.
+    static void SetClosed(TarnConnectorImpl& connector);
 
     // --- references ---
 

@@ -120,6 +120,6 @@ int TarnTCPConnectorImpl::DisConnect()
     const ACE_INET_Addr remoteAddress = RemoteAddress();
     TarnAdapterFrmtTrace(1, "Close Connect,Group=%d,(ID=0x%x),IP=%s,port=%d\n", GetGroupID(), GetTargetID(),
                          PeerText(remoteAddress).c_str(), static_cast<int>(remoteAddress.get_port_number()));
-    TarnConnectorMgrImpl::SetDisconnectedUnlessQueued(*this);
+    TarnConnectorMgrImpl::SetClosed(*this);
     return 0;
 }

@@ -1,4 +1,5 @@
 #include "core/ApplicationCall.h"
+#include "core/ExistingManager.h"
 #include "core/MessageUnit.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -95,7 +96,8 @@ int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
 
 void TEAdapterManager::ForgetSourceMessage(const TEMessage& source)
 {
-    TEAdapterManager* pManager = m_pInstance.load(std::memory_order_acquire);
+    const ExistingManager manager;
+    TEAdapterManager* pManager = manager.Get();
     TEMessageUnit sourceUnit;
     if (pManager == nullptr || !GetUnit(source, sourceUnit))
         return;

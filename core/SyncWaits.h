@@ -2,7 +2,7 @@
 #define TARN_CORE_SYNCWAITS_H
 
 /// Threads that send and wait for the answers, in ticks of a second at most. The stop has them leave first, and waits
-/// for them before anything that they use is gone; until there is a manager again nobody waits.
+/// for them before anything that they use is gone; until the library is started again nobody waits.
 class SyncWaits
 {
 public:
@@ -19,7 +19,7 @@ public:
     /// Waits are to end. Asked at each tick.
     static bool IsStopping();
 
-    /// There is a manager.
+    /// The library is started.
     static void Open();
     /// Has all waits end.
     static void Shut();

@@ -1,6 +1,7 @@
 #include "tarnadapterframe/TEAdapterManager.h"
 
 #include "core/ApplicationCall.h"
+#include "core/ExistingManager.h"
 #include "core/LibraryThread.h"
 #include "core/LogArguments.h"
 #include "core/ManagerParts.h"
@@ -41,6 +42,7 @@ TEAdapterManager* TEAdapterManager::Instance()
                                          static_cast<TEAdapterManager*>(nullptr),
                                          [] { return new TEAdapterManager; }),
                               std::memory_order_release);
+            ExistingManager::Set(m_pInstance);
         }
     }
     return m_pInstance.load(std::memory_order_acquire);
@@ -67,6 +69,7 @@ void TEAdapterManager::Destroy()
         g_ManagerParts.pfnStopAsyncIO();
     pManager->m_pTickGate->ShutAndWait();
     SyncWaits::WaitUntilNone();
+    ExistingManager::Set(nullptr);
     const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
     {
         ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
@@ -84,7 +87,6 @@ TEAdapterManager::TEAdapterManager()
     , m_pStartGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
     , m_pTickGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
 {
-    SyncWaits::Open();
     if (g_ManagerParts.pfnBuiltInAdapter == nullptr)
         return;
     m_pBuiltInAdapter = g_ManagerParts.pfnBuiltInAdapter();
@@ -111,6 +113,7 @@ int TEAdapterManager::Init()
         TarnAdapterTrace(2, "TEAdapterManager::Init ,Init again", true, false);
         return 0;
     }
+    SyncWaits::Open();
     if (!DistributeMessageAdapters() || !CreateReactor() || !CreateMessageTimer() || !SpawnTimerThread())
         return -1;
     s_bStarted = true;

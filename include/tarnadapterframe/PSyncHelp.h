@@ -48,7 +48,8 @@ public:
     /// carries its own.
     /// @return 0 all sent, or the list is empty; 1 some sent, the others count as answered and carry the code of
     ///         their failure as result; -1 none sent, or one failed with -22 (SNMP_CLASS_TL_FAILED): the rest was
-    ///         not sent, what was sent is forgotten, and the first message's result says why
+    ///         not sent, what was sent is forgotten, and the first message's result says why. A list with a null
+    ///         message is refused with -1, and changes nothing
     int AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages, void* pUnused1, void* pUnused2,
                                  void* pUnused3, void* pUnused4);
 

@@ -155,6 +155,8 @@ TEST_F(Lists, AnEmptyListIsAnsweredAndNothingSentIsNotWaitedFor)
     std::list<MsgContext> lstOut = {{}};
     EXPECT_EQ(Send({}), 0);
     EXPECT_EQ(host.Count(1, "AsyncSendAsn1MessageList : msgList is empty.\n"), 1);
+    EXPECT_EQ(Send({{}}), -1);
+    EXPECT_EQ(host.Count(1, "AsyncSendAsn1MessageList : msgList holds a NULL message.\n"), 1);
     EXPECT_EQ(help.Signal(), 0);
     EXPECT_EQ(help.Waiting(60, lstOut), 0);
     EXPECT_TRUE(lstOut.empty());
@@ -210,6 +212,11 @@ TEST_F(Lists, AStopEndsTheWait)
     tarnadapter::Fini();
     EXPECT_EQ(waiting.get(), 1);
     EXPECT_EQ(lstOut.size(), 3U);
+    // Nor is anything waited for that was sent before the stop.
+    ASSERT_EQ(tarnadapter::Init(), 0);
+    ASSERT_EQ(Send(MakeList(1)), 0);
+    tarnadapter::Fini();
+    EXPECT_EQ(help.Waiting(100'000, lstOut), 1);
 }
 
 } // namespace

@@ -1,0 +1,26 @@
+#ifndef TARN_CORE_EXISTINGMANAGER_H
+#define TARN_CORE_EXISTINGMANAGER_H
+
+class TEAdapterManager;
+
+/// The adapter manager, if there is one, kept from being destroyed for the lifetime of this: for threads that may be
+/// at the end of something while the library is stopped, and that must not bring a new manager about. The stop waits
+/// for it, so nothing may be waited for meanwhile but the correlation lock.
+class ExistingManager
+{
+public:
+    ExistingManager();
+    ~ExistingManager();
+    ExistingManager(const ExistingManager&) = delete;
+    ExistingManager& operator=(const ExistingManager&) = delete;
+
+    TEAdapterManager* Get() const { return m_pManager; }
+
+    /// Says which manager there is. Null: waits until nobody uses the last one.
+    static void Set(TEAdapterManager* pManager);
+
+private:
+    TEAdapterManager* m_pManager;
+};
+
+#endif
