@@ -346,6 +346,9 @@ TEST_F(ConnectorMgr, AConnectionThatItsOwnerOpensWhileItIsQueuedStaysOpen)
     ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail") == 1; }));
     element.StartListening();
     EXPECT_EQ(pConnector->Connect(), 0);
+    EXPECT_EQ(pConnector->DisConnect(), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTING); // it is still to be tried
+    EXPECT_EQ(pConnector->Connect(), 0);
     EXPECT_EQ(Manager().StopConnectThreads(), 0);
     EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTED);
     EXPECT_EQ(pConnector->UnRegister(), 0);
