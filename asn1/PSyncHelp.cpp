@@ -1,6 +1,7 @@
 #include "tarnadapterframe/PSyncHelp.h"
 
 #include "asn1/SyncCon.h"
+#include "core/ApplicationCall.h"
 #include "core/ExistingManager.h"
 #include "core/SyncWaits.h"
 #include "tarnadapterframe/TEAdapterManager.h"
@@ -60,10 +61,17 @@ int PSyncHelp::GetTimeOut()
 
 void PSyncHelp::Prepare(TarnAsn1Message& message, int iResult)
 {
-    message.SetSyncFlag(PSYNC_MESSAGE);
+    CallApplication("SetSyncFlag", typeid(message), [&] { message.SetSyncFlag(PSYNC_MESSAGE); });
     message.SetType(COMMAND_MESSAGE);
     message.SetResult(iResult);
     message.m_pOwnerList = this;
+}
+
+int PSyncHelp::SendOne(TarnAsn1Message& message)
+{
+    int iResult = -1;
+    CallApplication("HandleMessage", typeid(message), [&] { iResult = message.HandleMessage(); });
+    return iResult;
 }
 
 bool PSyncHelp::MakeSyncCon(const char*& pszFailed)
@@ -92,20 +100,21 @@ int PSyncHelp::AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, 
     const char* pszFailed = nullptr;
     if (!MakeSyncCon(pszFailed))
         return ADAPTER_ERR_NO_MEMORY;
-    const MsgContext context = {pMessage, pUserData1, pUserData2, pUserData3, pUserData4};
-    const int iResult = pMessage->HandleMessage();
+    // Made before it is sent: then nothing can fail any more.
+    std::list<MsgContext> lstNew = {{pMessage, pUserData1, pUserData2, pUserData3, pUserData4}};
+    const int iResult = SendOne(*pMessage);
     if (iResult == HANDLED)
         delete pMessage;
     else if (iResult == 0)
     {
         const TarnGuard guard(m_ListMutex);
-        m_lstMessages.push_back(context);
+        m_lstMessages.splice(m_lstMessages.end(), lstNew);
     }
     else if (iResult == COMPLETED)
     {
         const TarnGuard guard(m_ListMutex);
         pMessage->SetResult(0);
-        m_lstMessages.push_back(context);
+        m_lstMessages.splice(m_lstMessages.end(), lstNew);
         ++m_nReceived;
     }
     else
@@ -152,7 +161,7 @@ int PSyncHelp::SendList(std::list<MsgContext> lstMessages)
     {
         TarnAsn1Message& message = *context.pAsn1Msg;
         Prepare(message, NOT_ANSWERED);
-        const int iResult = message.HandleMessage();
+        const int iResult = SendOne(message);
         if (iResult == 0)
         {
             ++uSent;
@@ -259,10 +268,12 @@ int PSyncHelp::ClearAsn1Msg()
     std::list<MsgContext> lstMessages;
     {
         const NoResponses noResponses;
-        const TarnGuard guard(m_ListMutex);
-        m_nReceived = 0;
-        m_bWaiting = false;
-        lstMessages.swap(m_lstMessages);
+        {
+            const TarnGuard guard(m_ListMutex);
+            m_nReceived = 0;
+            m_bWaiting = false;
+            lstMessages.swap(m_lstMessages);
+        }
         for (const MsgContext& context : lstMessages)
             context.pAsn1Msg->CancelMessage();
     }

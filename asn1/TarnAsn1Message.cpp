@@ -55,6 +55,9 @@ TarnAsn1Message& TarnAsn1Message::operator=(const TarnAsn1Message& other)
 {
     if (this == &other)
         return *this;
+    // What is registered under the serial that goes.
+    TarnAsyncMessageReceiver::RemoveOwn(*this);
+    TEAdapterManager::ForgetSourceMessage(*this);
     m_pTargetId.reset(other.m_pTargetId != nullptr ? other.m_pTargetId->Clone() : nullptr);
     TEMessage::operator=(other);
     m_iResult = other.m_iResult.load();
@@ -115,10 +118,15 @@ TarnTarget& TarnAsn1Message::GetTargetId()
 
 TEMessageAdapter* TarnAsn1Message::GetMessageAdapter()
 {
-    const std::vector<TEMessageAdapter*>* pAdapters = GetMessageAdapterVec();
+    const std::vector<TEMessageAdapter*>* pAdapters = nullptr;
+    std::uint32_t ulProtocolID = 0;
+    CallApplication("GetMessageAdapterVec", typeid(*this), [&] {
+        pAdapters = GetMessageAdapterVec();
+        if (pAdapters != nullptr)
+            ulProtocolID = static_cast<std::uint32_t>(GetTargetId().GetProtocolID());
+    });
     if (pAdapters == nullptr)
         return nullptr;
-    const auto ulProtocolID = static_cast<std::uint32_t>(GetTargetId().GetProtocolID());
     for (TEMessageAdapter* pAdapter : *pAdapters)
     {
         if (pAdapter == nullptr || !IsLivingAdapter(pAdapter->SinkProtocolInstance(), ulProtocolID))
@@ -165,14 +173,16 @@ int TarnAsn1Message::HandleCommand()
 /// Ends an asynchronous message that gets no answer: it is deleted, its callback with it.
 void TarnAsn1Message::ReleaseAsync()
 {
-    if (GetSyncFlag() == ASYNC_MESSAGE)
-        delete this;
+    if (m_eSyncFlag != ASYNC_MESSAGE)
+        return;
+    TarnAsyncMessageReceiver::RemoveOwn(*this); // by the serial of the derived class
+    delete this;
 }
 
 /// The message is its waiting owner's again as soon as that has been told, and is not touched any more.
 int TarnAsn1Message::HandleResponse()
 {
-    switch (GetSyncFlag())
+    switch (m_eSyncFlag)
     {
     case PSYNC_MESSAGE:
         if (PSyncHelp* pOwnerList = m_pOwnerList)
@@ -191,6 +201,7 @@ int TarnAsn1Message::HandleResponse()
         AsynCallBack callBack;
         if (TarnAsyncMessageReceiver::Copy(*this, callBack))
             CallApplication("AsynCallBack", typeid(*this), [&] { callBack(this, nullptr, nullptr); });
+        TarnAsyncMessageReceiver::RemoveOwn(*this);
         delete this;
         break;
     }
@@ -215,10 +226,18 @@ int TarnAsn1Message::SyncHandleMessage(int nTimeOut)
         con.iFlag = 0;
         con.bCancelled = false;
     });
-    SetSyncFlag(SYNC_MESSAGE);
-    SetType(COMMAND_MESSAGE);
     const SyncWaits::Inside wait; // held until the message is forgotten
-    const int iResult = HandleMessage();
+    if (!wait)
+    {
+        TarnAdapterFrmtTrace(1, "%s SyncHandleMessage() TIMEOUT\n", ClassName(*this));
+        return ADAPTER_ERR_TIMEOUT;
+    }
+    int iResult = -1;
+    CallApplication("HandleMessage", typeid(*this), [&] {
+        SetSyncFlag(SYNC_MESSAGE);
+        SetType(COMMAND_MESSAGE);
+        iResult = HandleMessage();
+    });
     if (iResult != 0)
         return iResult == HANDLED || iResult == COMPLETED ? 0 : iResult;
     return WaitForResponse(*pSyncCon);

@@ -66,5 +66,7 @@ int TarnAsn1ProtocolAdapter::HandleMessage(TEMessage* pMessage)
         TarnAdapterFrmtTrace(1, "TarnAsn1ProtocolAdapter::HandleMessage, not a TarnAsn1Message\n");
         return -1;
     }
-    return pMessage->HandleMessage();
+    int iResult = -1;
+    CallApplication("HandleMessage", typeid(*pMessage), [&] { iResult = pMessage->HandleMessage(); });
+    return iResult;
 }

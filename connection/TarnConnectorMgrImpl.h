@@ -28,7 +28,8 @@ class TarnConnectorImpl;
 /// **Threads.** Callers of the exported operations, connect threads, I/O threads (breaks), and the recycler's
 /// timer thread (SweepRubbish).
 ///
-/// Locks, in their order: registry lock, then a facade's use lock or the mutex of the hooks' counts; queue mutex, then a
+/// Locks, in their order: registry lock, then a facade's use lock, the mutex of the hooks' counts or a connection's
+/// parameter lock; a connection's open mutex (in a closing), queue mutex, then a
 /// record's lock, or a connection's state, parameter or reference lock; rubbish lock, then a connection's
 /// reference lock. pMutex, the thread mutex and the event counts are leaves. Nobody holds the registry lock and
 /// the queue mutex together, and hooks run with no lock held but their facade's use lock (read).

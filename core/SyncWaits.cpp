@@ -30,11 +30,14 @@ SyncWaits::Inside::Inside()
 {
     Waits& waits = TheWaits();
     const std::lock_guard<std::mutex> guard(waits.mutex);
-    ++waits.nInside;
+    m_bAdmitted = !waits.bShut;
+    waits.nInside += m_bAdmitted ? 1 : 0;
 }
 
 SyncWaits::Inside::~Inside()
 {
+    if (!m_bAdmitted)
+        return;
     Waits& waits = TheWaits();
     const std::lock_guard<std::mutex> guard(waits.mutex);
     --waits.nInside;
@@ -67,6 +70,11 @@ void SyncWaits::WaitUntilNone()
     Waits& waits = TheWaits();
     std::unique_lock<std::mutex> lock(waits.mutex);
     while (!waits.left.wait_for(lock, std::chrono::seconds(1), [&] { return waits.nInside == 0; }))
+    {
+        const int nInside = waits.nInside;
+        lock.unlock();
         TarnAdapterFrmtTrace(3, "TEAdapterManager::Destroy, waiting for %d threads that wait for answers\n",
-                             waits.nInside);
+                             nInside);
+        lock.lock();
+    }
 }

@@ -14,6 +14,12 @@ public:
         ~Inside();
         Inside(const Inside&) = delete;
         Inside& operator=(const Inside&) = delete;
+
+        /// False: waits are to end, so none is begun.
+        explicit operator bool() const { return m_bAdmitted; }
+
+    private:
+        bool m_bAdmitted;
     };
 
     /// Waits are to end. Asked at each tick.

@@ -41,8 +41,8 @@ public:
     /// at once: the order of two responses is not fixed. A response thread calls TEMessage::HandleMessage and
     /// then deletes the message. While 1,280,000 messages are waiting the caller waits.
     /// @param pMessage  taken over with result 0
-    /// @return 0 queued; -1 not: null, the application is exiting, no response threads or no memory, and the
-    ///         message stays its caller's. Only when the engine is being stopped while the caller waits for
+    /// @return 0 queued; -1 not: null, the application is exiting, the engine is being stopped, no response
+    ///         threads or no memory, and the message stays its caller's. Only when the engine is being stopped while the caller waits for
     ///         room the message is deleted, with -1
     virtual int AddTERspMessageData(TEMessage* pMessage) = 0;
 
@@ -52,8 +52,9 @@ public:
     /// Reports are discarded, with a line in the log, while the messages waiting stand for
     /// `nAppProcessRpgMsgLimit` commands or more, as TEMessage::GetCommandCount counts them.
     /// @param pMessage  taken over with result 0
-    /// @return 0 queued, discarded (and deleted), or the engine is being stopped (and deleted); -1 null, the
-    ///         application is exiting, no report threads or no memory, and the message stays its caller's
+    /// @return 0 queued, discarded (and deleted), or the engine is being stopped while the caller waits for room
+    ///         (and deleted); -1 null, the application is exiting, the engine is being stopped, no report
+    ///         threads or no memory, and the message stays its caller's
     virtual int AddTERptMessageData(TEMessage* pMessage) = 0;
 
     TEAsyncIOMgr(const TEAsyncIOMgr&) = delete;

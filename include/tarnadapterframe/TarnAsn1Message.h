@@ -32,6 +32,11 @@ class TarnTarget;
 /// HandleMessage: for SYNC_MESSAGE and PSYNC_MESSAGE before the correlation lock is released, for ASYNC_MESSAGE
 /// afterwards. Then the message is not touched any more.
 ///
+/// A derived class with a class record of its own names classTarnAsn1Message, or the record of a class derived from
+/// this one, as the base: a message of another kind cannot be cancelled. GetMessageSerial is not to be overridden.
+/// Whoever destroys a message that may still be announced calls CancelMessage before: the destructor forgets it only
+/// when the derived part is gone.
+///
 /// **Time.** Waits are cut into ticks of a second on a steady clock: a change of the system's time neither hastens
 /// nor delays them. They also end when the process is exiting (TarnIsExit) or the library is being stopped.
 ///
@@ -47,7 +52,9 @@ public:
     /// ASYNC_MESSAGE.
     TarnAsn1Message();
     /// A copy has a clone of the target and everything else of the other message, its serial included, but
-    /// neither its registrations nor what it waits on.
+    /// neither its registrations nor what it waits on. Two messages under one serial cannot both be answered: call
+    /// RequireSerial before a copy is sent beside the original. An assignment forgets what was registered for the
+    /// message that is assigned to.
     TarnAsn1Message(const TarnAsn1Message& other);
     TarnAsn1Message& operator=(const TarnAsn1Message& other);
 

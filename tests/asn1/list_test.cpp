@@ -203,6 +203,28 @@ TEST_F(Lists, SingleMessagesMakeAnExchange)
     EXPECT_EQ(help.Waiting(60, lstOut), 0);
 }
 
+TEST_F(Lists, AMessageThatThrowsIsOneThatCannotBeSent)
+{
+    class Troubled : public Request
+    {
+    public:
+        using Request::Request;
+        int HandleMessage() override { throw std::runtime_error("no"); }
+    };
+    Troubled troubled(PROTOCOL);
+    auto lstMessages = MakeList(1);
+    lstMessages.push_back({&troubled, nullptr, nullptr, nullptr, nullptr});
+    EXPECT_EQ(Send(lstMessages), 1);
+    EXPECT_TRUE(Answer(m_Sent[0], 3));
+    std::list<MsgContext> lstOut;
+    EXPECT_EQ(help.Waiting(60, lstOut), 0);
+    EXPECT_EQ(Results(lstOut), (Ints{3, -1}));
+    EXPECT_EQ(help.AsynSendAsn1Message(&troubled, nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(troubled.SyncHandleMessage(60), -1);
+    EXPECT_EQ(TarnAsn1ProtocolAdapter::Instance()->HandleMessage(&troubled), -1);
+    EXPECT_EQ(host.CountContaining(1, "HandleMessage"), 4);
+}
+
 TEST_F(Lists, AStopEndsTheWait)
 {
     ASSERT_EQ(tarnadapter::Init(), 0);
