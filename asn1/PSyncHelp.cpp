@@ -153,8 +153,8 @@ int PSyncHelp::AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages
     return SendList(lstMessages);
 }
 
-/// @param lstMessages  a copy: an answer may come while the list is being sent
-int PSyncHelp::SendList(std::list<MsgContext> lstMessages)
+/// @param lstMessages  the caller's list, which no answer touches
+int PSyncHelp::SendList(const std::list<MsgContext>& lstMessages)
 {
     std::size_t uSent = 0;
     for (const MsgContext& context : lstMessages)

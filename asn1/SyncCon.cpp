@@ -36,7 +36,8 @@ void SyncCon::Change(const std::function<void(SyncCon&)>& change)
 SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)
 {
     Outcome outcome = {false, 0, 0, 0};
-    const ACE_Time_Value start = ACE_Monotonic_Time_Policy()();
+    const auto now = ACE_Monotonic_Time_Policy()();
+    const ACE_Time_Value start(now.sec(), now.usec());
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *m_pMutex, outcome);
     while (!TarnIsExit() && !SyncWaits::IsStopping())
     {

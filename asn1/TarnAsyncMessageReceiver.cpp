@@ -23,8 +23,6 @@ AsynCallBack::AsynCallBack(TEMessage* pMessage, Function pfn, void* pUser1, void
 
 AsynCallBack& AsynCallBack::operator=(const AsynCallBack& other) = default;
 
-AsynCallBack::~AsynCallBack() = default;
-
 TEMessage* AsynCallBack::GetMessage() const
 {
     return m_pMessage;

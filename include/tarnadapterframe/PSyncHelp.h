@@ -78,7 +78,7 @@ private:
     void Prepare(TarnAsn1Message& message, int iResult);
     static int SendOne(TarnAsn1Message& message);
     bool MakeSyncCon(const char*& pszFailed);
-    int SendList(std::list<MsgContext> lstMessages);
+    int SendList(const std::list<MsgContext>& lstMessages);
     int AbandonList(const std::list<MsgContext>& lstMessages, const TarnAsn1Message* pLast, int iResult);
     void ResetCount() TARN_EXCLUDES(m_ListMutex);
     int CountOne() TARN_EXCLUDES(m_ListMutex);

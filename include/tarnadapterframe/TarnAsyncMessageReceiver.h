@@ -29,7 +29,6 @@ public:
     AsynCallBack(const AsynCallBack&) = delete;
     /// Copies the four fields and registers nothing.
     AsynCallBack& operator=(const AsynCallBack& other);
-    ~AsynCallBack();
 
     TEMessage* GetMessage() const;
     /// Calls the function with the message and the two user pointers of the record.
