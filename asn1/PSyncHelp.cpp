@@ -59,18 +59,22 @@ int PSyncHelp::GetTimeOut()
     return m_nTimeOut;
 }
 
-void PSyncHelp::Prepare(TarnAsn1Message& message, int iResult)
+/// @return false when the message does not take its flag: it must not be sent
+bool PSyncHelp::Prepare(TarnAsn1Message& message, int iResult)
 {
-    CallApplication("SetSyncFlag", typeid(message), [&] { message.SetSyncFlag(PSYNC_MESSAGE); });
+    const bool bFlagged =
+        CallApplication("SetSyncFlag", typeid(message), [&] { message.SetSyncFlag(PSYNC_MESSAGE); });
     message.SetType(COMMAND_MESSAGE);
     message.SetResult(iResult);
     message.m_pOwnerList = this;
+    return bFlagged;
 }
 
 int PSyncHelp::SendOne(TarnAsn1Message& message)
 {
     int iResult = -1;
-    CallApplication("HandleMessage", typeid(message), [&] { iResult = message.HandleMessage(); });
+    if (!CallApplication("HandleMessage", typeid(message), [&] { iResult = message.HandleMessage(); }))
+        message.CancelMessage(); // it may have been announced before
     return iResult;
 }
 
@@ -96,7 +100,8 @@ int PSyncHelp::AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, 
         TarnAdapterFrmtTrace(1, "PSyncHelp::AsynSendAsn1Message fail, input para pMessage=NULL\n");
         return -1;
     }
-    Prepare(*pMessage, ADAPTER_ERR_TIMEOUT);
+    if (!Prepare(*pMessage, ADAPTER_ERR_TIMEOUT))
+        return -1;
     const char* pszFailed = nullptr;
     if (!MakeSyncCon(pszFailed))
         return ADAPTER_ERR_NO_MEMORY;
@@ -160,8 +165,7 @@ int PSyncHelp::SendList(const std::list<MsgContext>& lstMessages)
     for (const MsgContext& context : lstMessages)
     {
         TarnAsn1Message& message = *context.pAsn1Msg;
-        Prepare(message, NOT_ANSWERED);
-        const int iResult = SendOne(message);
+        const int iResult = Prepare(message, NOT_ANSWERED) ? SendOne(message) : -1;
         if (iResult == 0)
         {
             ++uSent;

@@ -173,16 +173,24 @@ int TarnAsn1Message::HandleCommand()
 /// Ends an asynchronous message that gets no answer: it is deleted, its callback with it.
 void TarnAsn1Message::ReleaseAsync()
 {
-    if (m_eSyncFlag != ASYNC_MESSAGE)
+    if (SafeSyncFlag() != ASYNC_MESSAGE)
         return;
     TarnAsyncMessageReceiver::RemoveOwn(*this); // by the serial of the derived class
     delete this;
 }
 
+/// A flag that cannot be told is taken for one of a message that is not the library's to delete.
+EMessageSyncFlag TarnAsn1Message::SafeSyncFlag()
+{
+    EMessageSyncFlag eSyncFlag = SYNC_MESSAGE;
+    CallApplication("GetSyncFlag", typeid(*this), [&] { eSyncFlag = GetSyncFlag(); });
+    return eSyncFlag;
+}
+
 /// The message is its waiting owner's again as soon as that has been told, and is not touched any more.
 int TarnAsn1Message::HandleResponse()
 {
-    switch (m_eSyncFlag)
+    switch (SafeSyncFlag())
     {
     case PSYNC_MESSAGE:
         if (PSyncHelp* pOwnerList = m_pOwnerList)
@@ -233,11 +241,13 @@ int TarnAsn1Message::SyncHandleMessage(int nTimeOut)
         return ADAPTER_ERR_TIMEOUT;
     }
     int iResult = -1;
-    CallApplication("HandleMessage", typeid(*this), [&] {
+    const bool bHandled = CallApplication("HandleMessage", typeid(*this), [&] {
         SetSyncFlag(SYNC_MESSAGE);
         SetType(COMMAND_MESSAGE);
         iResult = HandleMessage();
     });
+    if (!bHandled)
+        CancelMessage(); // it may have been announced before
     if (iResult != 0)
         return iResult == HANDLED || iResult == COMPLETED ? 0 : iResult;
     return WaitForResponse(*pSyncCon);

@@ -226,7 +226,12 @@ int TarnConnectorMgrImpl::CloseWhile(TarnConnectorImpl* pConnector,
         const EConnectState eState = pConnector->GetState();
         bGoOn = eState == STATE_CONNECTING;
         if (eState == STATE_CONNECTED)
+        {
             CloseForRequest(pConnector);
+            bGoOn =
+                pConnector->GetState() == STATE_CONNECTING; // opened while it was queued, and queued still
+            continue;
+        }
         if (!bGoOn)
             break;
         const int iCancelled = CancelRequestConnect(pConnector);

@@ -17,7 +17,8 @@ bool IsLater(std::uint32_t ulSession, std::uint32_t ulOther)
 void TarnConnectorImpl::set_handle(ACE_HANDLE handle)
 {
     const TarnGuard guard(m_RegistrationMutex);
-    if (IsServed())
+    // Without a handle, a connection that is entered but not served can still be found and taken out.
+    if (IsServed() || (IsRegistered() && handle != ACE_INVALID_HANDLE))
         TakeBackRegistration();
     const DescriptorGuard::Change change(m_DescriptorGuard);
     StoreHandle(handle);

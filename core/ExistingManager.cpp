@@ -1,5 +1,8 @@
 #include "core/ExistingManager.h"
 
+#include "tarnadapterframe/TarnAdapterTrace.h"
+
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -46,6 +49,13 @@ void ExistingManager::Set(TEAdapterManager* pManager)
     Uses& uses = TheUses();
     std::unique_lock<std::mutex> lock(uses.mutex);
     uses.pManager = pManager;
-    if (pManager == nullptr)
-        uses.left.wait(lock, [&] { return uses.nInside == 0; });
+    if (pManager != nullptr)
+        return;
+    while (!uses.left.wait_for(lock, std::chrono::seconds(1), [&] { return uses.nInside == 0; }))
+    {
+        const int nInside = uses.nInside;
+        lock.unlock();
+        TarnAdapterFrmtTrace(3, "TEAdapterManager::Destroy, waiting for %d users of the manager\n", nInside);
+        lock.lock();
+    }
 }

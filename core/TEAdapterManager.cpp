@@ -38,11 +38,11 @@ TEAdapterManager* TEAdapterManager::Instance()
         ACE_GUARD_RETURN(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance(), nullptr);
         if (m_pInstance.load(std::memory_order_relaxed) == nullptr)
         {
-            m_pInstance.store(WithMemory("TEAdapterManager::Instance",
-                                         static_cast<TEAdapterManager*>(nullptr),
-                                         [] { return new TEAdapterManager; }),
-                              std::memory_order_release);
-            ExistingManager::Set(m_pInstance);
+            auto* pManager = WithMemory("TEAdapterManager::Instance", static_cast<TEAdapterManager*>(nullptr),
+                                        [] { return new TEAdapterManager; });
+            if (pManager != nullptr)
+                ExistingManager::Set(pManager); // first, so that whoever destroys it finds it set
+            m_pInstance.store(pManager, std::memory_order_release);
         }
     }
     return m_pInstance.load(std::memory_order_acquire);

@@ -106,6 +106,7 @@ protected:
 private:
     friend class PSyncHelp;
 
+    EMessageSyncFlag SafeSyncFlag();
     void ReleaseAsync();
     int RealTimeOut() const;
     SyncCon* MakeSyncCon();

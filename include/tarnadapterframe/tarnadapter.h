@@ -20,8 +20,9 @@ public:
     /// so in the log; it cleans up after a start that has failed in between.
     ///
     /// What TEAdapterManager::Instance and the other managers' gave out is void afterwards: the host's own
-    /// threads must not be inside an operation of theirs, except the destructors of connectors. Connectors,
-    /// and the descriptors they hold, stay; so do messages that are registered or queued.
+    /// threads must not be inside an operation of theirs, except the destructors of connectors and messages, and
+    /// waits for answers (TarnAsn1Message::SyncHandleMessage, PSyncHelp::Waiting), which end. Connectors, and the
+    /// descriptors they hold, stay; so do messages that are registered or queued.
     static void Fini();
 
 private:

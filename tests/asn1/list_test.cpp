@@ -110,11 +110,13 @@ TEST_F(Lists, SendsThatFailCountAsAnswered)
     EXPECT_EQ(Send(MakeList(3, {{0, 1}, {1, -6}, {2, -7}})), -1);
     EXPECT_EQ(help.Waiting(0, lstOut), 1); // the count was taken back
     EXPECT_EQ(Results(lstOut), (Ints{1, -6, -7}));
-    // The failed ones, and those of the last list, do not make the next one complete.
-    EXPECT_EQ(Send(MakeList(3, {{1, -7}})), 1);
+    // The failed ones, and those of a list that this one replaces, do not make the next one complete.
+    EXPECT_EQ(Send(MakeList(2)), 0);
     EXPECT_TRUE(Answer(m_Sent[0], 0));
+    EXPECT_EQ(Send(MakeList(3, {{1, -7}})), 1);
+    EXPECT_TRUE(Answer(m_Sent[2], 0));
     auto waiting = WaitAside(60, lstOut);
-    EXPECT_TRUE(Answer(m_Sent[1], 0));
+    EXPECT_TRUE(Answer(m_Sent[3], 0));
     EXPECT_EQ(waiting.get(), 0);
     EXPECT_EQ(Results(lstOut), (Ints{0, -7, 0}));
 }
@@ -209,7 +211,11 @@ TEST_F(Lists, AMessageThatThrowsIsOneThatCannotBeSent)
     {
     public:
         using Request::Request;
-        int HandleMessage() override { throw std::runtime_error("no"); }
+        int HandleMessage() override
+        {
+            Request::HandleMessage(); // announced
+            throw std::runtime_error("no");
+        }
     };
     Troubled troubled(PROTOCOL);
     auto lstMessages = MakeList(1);
@@ -223,6 +229,7 @@ TEST_F(Lists, AMessageThatThrowsIsOneThatCannotBeSent)
     EXPECT_EQ(troubled.SyncHandleMessage(60), -1);
     EXPECT_EQ(TarnAsn1ProtocolAdapter::Instance()->HandleMessage(&troubled), -1);
     EXPECT_EQ(host.CountContaining(1, "HandleMessage"), 4);
+    Manager().UnRegisterSourceMessage(&troubled); // the adapter only hands on
 }
 
 TEST_F(Lists, AStopEndsTheWait)

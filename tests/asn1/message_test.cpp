@@ -71,6 +71,11 @@ TEST_F(Asn1Messages, ACopyOwnsItsTargetAndNothingThatIsRegistered)
     EXPECT_TRUE(TarnAsyncMessageReceiver::Instance()->HaveRegisterAsyncMsgCallBack(&original));
     EXPECT_TRUE(IsAnnounced(original));
     original.SetSyncFlag(ASYNC_MESSAGE); // its destructor removes both
+    auto pAnnounced = std::make_unique<Request>(PROTOCOL);
+    const TEMessageUnit unit = UnitOf(*pAnnounced);
+    Manager().RegisterPrivateMessage(pAnnounced.get(), &sending, nullptr, 60);
+    pAnnounced.reset();
+    EXPECT_FALSE(Answer(unit));
 }
 
 TEST_F(Asn1Messages, TheFirstAdapterThatReachesTheTargetAndCanTranslateIsChosen)

@@ -52,8 +52,12 @@ protected:
         return pConnector;
     }
 
-    /// Only in OnConnectOK, where the handle is certainly the connector's own.
-    static void Ask(TestConnector& connector) { connector.Send(1, std::to_string(connector.GetTargetID())); }
+    /// Through the connection itself: another thread may close it meanwhile, and its number be somebody else's then.
+    static void Ask(TestConnector& connector)
+    {
+        const std::string strFrame = Element::Frame(1, std::to_string(connector.GetTargetID()));
+        connector.Impl()->AddAndSendData(strFrame.data(), static_cast<int>(strFrame.size()));
+    }
 
     int Answered(int i) const { return m_Answered[static_cast<std::size_t>(i)]; }
 

@@ -349,6 +349,16 @@ TEST_F(ConnectorMgr, AConnectionThatItsOwnerOpensWhileItIsQueuedStaysOpen)
     EXPECT_EQ(pConnector->DisConnect(), 0);
     EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTING); // it is still to be tried
     EXPECT_EQ(pConnector->Connect(), 0);
+    // Closed on request it is not to be tried any more; asked for again it is, at once.
+    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+    EXPECT_EQ(pConnector->GetConnState(), STATE_DISCONNECTED);
+    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+    EXPECT_TRUE(WaitOpened(*pConnector, 1));
+    element.StopListening();
+    element.DropAll(false);
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->GetConnState() == STATE_CONNECTING; }));
+    element.StartListening();
+    EXPECT_EQ(pConnector->Connect(), 0);
     EXPECT_EQ(Manager().StopConnectThreads(), 0);
     EXPECT_EQ(pConnector->GetConnState(), STATE_CONNECTED);
     EXPECT_EQ(pConnector->UnRegister(), 0);
