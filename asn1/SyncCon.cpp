@@ -39,7 +39,7 @@ SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::f
     const auto now = ACE_Monotonic_Time_Policy()();
     const ACE_Time_Value start(now.sec(), now.usec());
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *m_pMutex, outcome);
-    while (!TarnIsExit() && !SyncWaits::IsStopping())
+    while (!TarnIsExit() && !SyncWaits().IsShut())
     {
         outcome.nRealTimeout = timeOut();
         if (outcome.iTicks >= outcome.nRealTimeout)

@@ -32,7 +32,7 @@ public:
         int nRealTimeout; ///< ticks, as last asked for
     };
     /// Waits until isDone, the time is over, the process is exiting or the library is being stopped. The caller is
-    /// inside SyncWaits.
+    /// inside the gate SyncWaits.
     /// @param timeOut  asked at each tick, for the whole time in ticks; called with the mutex held
     /// @param isDone   asked with the mutex held
     Outcome Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone);

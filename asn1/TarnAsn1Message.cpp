@@ -234,7 +234,7 @@ int TarnAsn1Message::SyncHandleMessage(int nTimeOut)
         con.iFlag = 0;
         con.bCancelled = false;
     });
-    const SyncWaits::Inside wait; // held until the message is forgotten
+    const StopGate::Pass wait(SyncWaits()); // held until the message is forgotten
     if (!wait)
     {
         TarnAdapterFrmtTrace(1, "%s SyncHandleMessage() TIMEOUT\n", ClassName(*this));

@@ -86,8 +86,8 @@ int TEAsyncIOMgrImpl::Register(TarnConnectorImpl& connector, const std::uint32_t
 
 /// An old call may still be framing, or inside a hook, when its connection has been opened again. It must have
 /// left before the next one begins. A connect thread outside of hooks waits for it as long as the session is open;
-/// anybody else for a bounded time: the call may be waiting for room in a queue that the waiting thread should empty, or for a call
-/// of the waiting thread's own.
+/// anybody else for a bounded time: the call may be waiting for room in a queue that the waiting thread should
+/// empty, or for a call of the waiting thread's own.
 bool TEAsyncIOMgrImpl::WaitForOldCalls(TarnConnectorImpl& connector, const std::uint32_t* pOnlySession)
 {
     constexpr auto POLL = std::chrono::milliseconds(1000);
@@ -269,7 +269,7 @@ bool TEAsyncIOMgrImpl::EraseConnection(ACE_HANDLE handle, TarnConnectorImpl& con
 void TEAsyncIOMgrImpl::RemoveFromReactor(ACE_HANDLE handle, TarnConnectorImpl& connector)
 {
     TEIOReactor* pReactor = m_pReactorImpl;
-    errno = ENOTSUP;
+    errno = pReactor != nullptr ? ENOENT : ENOTSUP;
     // Without the reference, who is registered under the number is somebody else.
     const int iResult = pReactor != nullptr && connector.IsReferredToByReactor()
                             ? pReactor->remove_handler(handle, ACE_Event_Handler::ALL_EVENTS_MASK)

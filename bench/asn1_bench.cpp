@@ -3,10 +3,9 @@
 // the whole process's, so the element's is in it.
 //
 //   asn1_bench [seconds for each figure, 3 unless given]
+#include "QuietHost.h"
 #include "support/Element.h"
 #include "support/RoadAdapter.h"
-
-#include <tarnadapterframe/tarnbaseutil.h>
 
 #include <sys/resource.h>
 
@@ -30,18 +29,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int CONNECTORS = 16;
 
 std::atomic<int> g_nOpen{0};
-
-bool DropLine(const std::string&, TarnLogLevel, const char*, const AsnType*, bool, bool)
-{
-    return true;
-}
-
-/// The hex trace would be most of what is measured.
-bool Configure(const char* pszKey, std::string& strValue, const char* /*pszFile*/)
-{
-    strValue = "0";
-    return std::strcmp(pszKey, "bEnableAdapterLog") == 0;
-}
 
 class Connector : public TarnConnector
 {
@@ -209,8 +196,7 @@ void AskInLists(std::size_t uLength, Latencies& latencies, Clock::time_point tEn
 int main(int argc, char** argv)
 {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 3; // NOLINT(cert-err34-c): a wrong one is 0
-    TarnInstallLogSink(&DropLine);
-    TarnInstallCfgLookup(&Configure);
+    InstallQuietHost();
     Element element;
     auto* pProtocol = new RoadProtocol;
     RoadMessageAdapter messageAdapter(pProtocol);

@@ -2,6 +2,7 @@
 // that does the same work without the framework. The element is a process of its own, on 127.0.0.1.
 //
 //   connection_bench [connections at rest, 900 unless given] [seconds for each figure, 2]
+#include "QuietHost.h"
 #include "support/Element.h"
 
 #include <tarnadapterframe/tarnadapterframe.h>
@@ -37,18 +38,6 @@ constexpr int WINDOW = 4; // questions under way on each connection
 
 std::atomic<long> g_nAnswers{0};
 std::atomic<int> g_nOpen{0};
-
-bool DropLine(const std::string&, TarnLogLevel, const char*, const AsnType*, bool, bool)
-{
-    return true;
-}
-
-/// The hex trace would be most of what is measured.
-bool Configure(const char* pszKey, std::string& strValue, const char* /*pszFile*/)
-{
-    strValue = "0";
-    return std::strcmp(pszKey, "bEnableAdapterLog") == 0;
-}
 
 std::string Question()
 {
@@ -322,8 +311,7 @@ int main(int argc, char** argv)
     pid_t child = -1;
     int iPipe = -1;
     const std::uint16_t usPort = StartElement(child, iPipe);
-    TarnInstallLogSink(&DropLine);
-    TarnInstallCfgLookup(&Configure);
+    InstallQuietHost();
     if (tarnadapter::Init() != 0 ||
         TEAdapterManager::Instance()->RegisterProtocolAdapter(PROTOCOL, new Adapter, true) != 0)
         return 1;

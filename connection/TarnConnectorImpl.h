@@ -61,9 +61,9 @@ enum class BreakClaim
 /// **Openings.** Each time a descriptor is stored a new session begins, with a number of its own. Whoever
 /// found a session broken can only end that one: it may be over already, and the next one healthy.
 ///
-/// Locks, in their order: open/close mutex, registration mutex or send lock, descriptor guard; then the reactor's token, the state
-/// lock, the parameter lock or the reference lock, each without another of these but the parameter lock, which
-/// comes after the state lock. The others are leaves.
+/// Locks, in their order: open/close mutex, registration mutex or send lock, descriptor guard; then the reactor's
+/// token, the state lock, the parameter lock or the reference lock, each without another of these but the parameter
+/// lock, which comes after the state lock. The others are leaves.
 class TarnConnectorImpl : public ACE_Event_Handler
 {
 public:

@@ -1,61 +1,30 @@
 #include "core/ExistingManager.h"
 
-#include "tarnadapterframe/TarnAdapterTrace.h"
-
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
 
 namespace {
 
-struct Uses
-{
-    std::mutex mutex; // a leaf
-    std::condition_variable left;
-    // Guarded by the mutex.
-    TEAdapterManager* pManager = nullptr;
-    int nInside = 0;
-};
+std::atomic<TEAdapterManager*> g_pManager{nullptr};
 
 // Never destroyed: messages may be statics of the host.
-Uses& TheUses()
+StopGate& Uses()
 {
-    static auto& uses = *new Uses;
-    return uses;
+    static auto& gate = *new StopGate("TEAdapterManager::Destroy");
+    return gate;
 }
 
 } // namespace
 
 ExistingManager::ExistingManager()
-{
-    Uses& uses = TheUses();
-    const std::lock_guard<std::mutex> guard(uses.mutex);
-    m_pManager = uses.pManager;
-    uses.nInside += m_pManager != nullptr ? 1 : 0;
-}
-
-ExistingManager::~ExistingManager()
-{
-    if (m_pManager == nullptr)
-        return;
-    Uses& uses = TheUses();
-    const std::lock_guard<std::mutex> guard(uses.mutex);
-    --uses.nInside;
-    uses.left.notify_all();
-}
+    : m_Pass(Uses())
+    , m_pManager(m_Pass ? g_pManager.load() : nullptr)
+{}
 
 void ExistingManager::Set(TEAdapterManager* pManager)
 {
-    Uses& uses = TheUses();
-    std::unique_lock<std::mutex> lock(uses.mutex);
-    uses.pManager = pManager;
+    if (pManager == nullptr)
+        Uses().ShutAndWait();
+    g_pManager = pManager;
     if (pManager != nullptr)
-        return;
-    while (!uses.left.wait_for(lock, std::chrono::seconds(1), [&] { return uses.nInside == 0; }))
-    {
-        const int nInside = uses.nInside;
-        lock.unlock();
-        TarnAdapterFrmtTrace(3, "TEAdapterManager::Destroy, waiting for %d users of the manager\n", nInside);
-        lock.lock();
-    }
+        Uses().Open();
 }

@@ -1,6 +1,8 @@
 #ifndef TARN_CORE_EXISTINGMANAGER_H
 #define TARN_CORE_EXISTINGMANAGER_H
 
+#include "core/StopGate.h"
+
 class TEAdapterManager;
 
 /// The adapter manager, if there is one, kept from being destroyed for the lifetime of this: for threads that may be
@@ -10,7 +12,6 @@ class ExistingManager
 {
 public:
     ExistingManager();
-    ~ExistingManager();
     ExistingManager(const ExistingManager&) = delete;
     ExistingManager& operator=(const ExistingManager&) = delete;
 
@@ -20,7 +21,8 @@ public:
     static void Set(TEAdapterManager* pManager);
 
 private:
-    TEAdapterManager* m_pManager;
+    const StopGate::Pass m_Pass;
+    TEAdapterManager* const m_pManager;
 };
 
 #endif

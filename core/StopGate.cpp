@@ -4,6 +4,12 @@
 
 #include <chrono>
 
+void StopGate::Open()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bShut = false;
+}
+
 void StopGate::Shut()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
@@ -15,7 +21,12 @@ void StopGate::ShutAndWait()
     std::unique_lock<std::mutex> lock(m_Mutex);
     m_bShut = true;
     while (!m_Left.wait_for(lock, std::chrono::seconds(1), [this] { return m_iInside == 0; }))
-        TarnAdapterFrmtTrace(3, "%s, waiting for %d calls to return\n", m_pszStop, m_iInside);
+    {
+        const int iInside = m_iInside;
+        lock.unlock(); // the log is the host's
+        TarnAdapterFrmtTrace(3, "%s, waiting for %d calls to return\n", m_pszStop, iInside);
+        lock.lock();
+    }
 }
 
 bool StopGate::IsShut()

@@ -39,9 +39,11 @@ public:
         const bool m_bInside;
     };
 
-    /// Shuts the gate for good, without waiting.
+    /// Lets work in again, after a stop.
+    void Open();
+    /// Shuts the gate, without waiting.
     void Shut();
-    /// Shuts the gate for good and waits until nobody is inside, with a line in the log every second. Not to be
+    /// Shuts the gate and waits until nobody is inside, with a line in the log every second. Not to be
     /// called by somebody inside, nor with a lock held that they may want.
     void ShutAndWait();
     bool IsShut();

@@ -64,11 +64,11 @@ void TEAdapterManager::Destroy()
     // want it. A tick may also wait for room in a queue, until asynchronous I/O lets it go.
     pManager->m_pStartGate->ShutAndWait();
     pManager->m_pTickGate->Shut();
-    SyncWaits::Shut();
+    SyncWaits().Shut();
     if (s_bStarted && g_ManagerParts.pfnStopAsyncIO != nullptr)
         g_ManagerParts.pfnStopAsyncIO();
     pManager->m_pTickGate->ShutAndWait();
-    SyncWaits::WaitUntilNone();
+    SyncWaits().ShutAndWait();
     ExistingManager::Set(nullptr);
     const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
     {
@@ -113,7 +113,7 @@ int TEAdapterManager::Init()
         TarnAdapterTrace(2, "TEAdapterManager::Init ,Init again", true, false);
         return 0;
     }
-    SyncWaits::Open();
+    SyncWaits().Open();
     if (!DistributeMessageAdapters() || !CreateReactor() || !CreateMessageTimer() || !SpawnTimerThread())
         return -1;
     s_bStarted = true;

@@ -48,9 +48,9 @@ public:
     /// carries its own.
     /// @return 0 all sent, or the list is empty; 1 some sent, the others count as answered and carry the code of
     ///         their failure as result; -1 none sent, or one failed with -22 (SNMP_CLASS_TL_FAILED): the rest was
-    ///         not sent, what was sent is forgotten, and the first message's result says why. A list with a null
-    ///         message is refused with -1, and changes nothing. After any other -1 the exchange holds the list still: end it by Waiting, or
-    ///         by ClearAsn1Msg where memory was missing, before the messages are destroyed
+    ///         not sent, what was sent is forgotten, and the first message's result says why. The exchange holds
+    ///         the list still then: end it by Waiting, or by ClearAsn1Msg where memory was missing, before the
+    ///         messages are destroyed. A list with a null message is refused with -1, and changes nothing
     int AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages, void* pUnused1, void* pUnused2,
                                  void* pUnused3, void* pUnused4);
 

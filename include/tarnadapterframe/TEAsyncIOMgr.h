@@ -42,8 +42,8 @@ public:
     /// then deletes the message. While 1,280,000 messages are waiting the caller waits.
     /// @param pMessage  taken over with result 0
     /// @return 0 queued; -1 not: null, the application is exiting, the engine is being stopped, no response
-    ///         threads or no memory, and the message stays its caller's. Only when the engine is being stopped while the caller waits for
-    ///         room the message is deleted, with -1
+    ///         threads or no memory, and the message stays its caller's. Only when the engine is being stopped
+    ///         while the caller waits for room the message is deleted, with -1
     virtual int AddTERspMessageData(TEMessage* pMessage) = 0;
 
     /// Queues a spontaneous report for the report threads (`nAppProcessRptMsgThreadNum`); with one of them

@@ -163,6 +163,17 @@ protected:
         return connector.Register();
     }
 
+    /// Has connector 1 opened anew while a call of its registration is held; the new one waits for that.
+    void ReopenBesideAnOldCall()
+    {
+        EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
+        EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
+        EXPECT_TRUE(WaitUntil([&] {
+            return host.CountContaining(3, "RegisterHandle, waiting for a call of the last registration\n") >
+                   0;
+        }));
+    }
+
     std::vector<std::pair<std::uint32_t, std::string>> Frames()
     {
         const std::lock_guard<std::mutex> guard(m_Mutex);
@@ -790,11 +801,7 @@ TEST_F(ConnectionCore, ACallOfTheLastOpeningAndANewRegistrationDoNotMeet)
     };
     ASSERT_EQ(pConnector->Register(), 0);
     inside.get_future().wait();
-    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
-    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
-    EXPECT_TRUE(WaitUntil([&] {
-        return host.CountContaining(3, "RegisterHandle, waiting for a call of the last registration\n") > 0;
-    }));
+    ReopenBesideAnOldCall();
     EXPECT_FALSE(pConnector->Impl()->IsServed());
     EXPECT_EQ(pConnector->nOpened, 1);
     // Who is no connect thread may be the one that the old call waits for.
@@ -825,11 +832,7 @@ TEST_F(ConnectionCore, ConnectThreadsStopAlsoWhileTheyWaitForAnOldCall)
     pConnector->onOpened = [&] { pConnector->Send(1, "hello"); };
     ASSERT_EQ(pConnector->Register(), 0);
     inside.get_future().wait();
-    EXPECT_EQ(Manager().RequestDisConnect(1, 1), 0);
-    EXPECT_EQ(Manager().RequestConnect(1, 1), 0);
-    EXPECT_TRUE(WaitUntil([&] {
-        return host.CountContaining(3, "RegisterHandle, waiting for a call of the last registration\n") > 0;
-    }));
+    ReopenBesideAnOldCall();
     EXPECT_EQ(Manager().StopConnectThreads(), 0); // though the old call goes on
     goOn.set_value();
     EXPECT_EQ(Manager().ResumeConnectThreads(), 0);
