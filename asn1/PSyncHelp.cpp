@@ -228,7 +228,10 @@ int PSyncHelp::Signal()
 
 int PSyncHelp::Waiting(int nTimeOut, std::list<MsgContext>& lstOut)
 {
-    const StopGate::Pass wait(SyncWaits()); // held until the messages are forgotten
+    const SyncWaits::Stay stay([this] {
+        if (SyncCon* pSyncCon = m_SyncCon)
+            pSyncCon->Wake();
+    }); // until the messages are forgotten
     SetTimeOut(nTimeOut);
     {
         // Whoever has counted the last answer has left the message and this object before they are the caller's.

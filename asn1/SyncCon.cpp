@@ -8,6 +8,15 @@
 
 #include <new>
 
+namespace {
+
+bool IsStopping()
+{
+    return SyncWaits::Instance().IsShut();
+}
+
+} // namespace
+
 std::unique_ptr<SyncCon> SyncCon::Create(const char*& pszFailed)
 {
     pszFailed = "ACE_Thread_Mutex";
@@ -26,6 +35,11 @@ std::unique_ptr<SyncCon> SyncCon::Create(const char*& pszFailed)
     return pSyncCon;
 }
 
+void SyncCon::Wake()
+{
+    Change([](SyncCon&) {});
+}
+
 void SyncCon::Change(const std::function<void(SyncCon&)>& change)
 {
     ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
@@ -39,7 +53,7 @@ SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::f
     const auto now = ACE_Monotonic_Time_Policy()();
     const ACE_Time_Value start(now.sec(), now.usec());
     ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *m_pMutex, outcome);
-    while (!TarnIsExit() && !SyncWaits().IsShut())
+    while (!TarnIsExit() && !IsStopping())
     {
         outcome.nRealTimeout = timeOut();
         if (outcome.iTicks >= outcome.nRealTimeout)
@@ -48,7 +62,7 @@ SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::f
         const ACE_Time_Value deadline = start + ACE_Time_Value(outcome.iTicks);
         // A wake-up that nothing caused goes on waiting for the same tick.
         int iWait = 0;
-        while (!isDone() && iWait != -1)
+        while (!isDone() && !IsStopping() && iWait != -1)
             iWait = m_pCondition->wait(&deadline);
         if (!isDone())
             continue;

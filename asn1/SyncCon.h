@@ -23,6 +23,8 @@ public:
 
     /// Changes something under the mutex and wakes the waiting thread.
     void Change(const std::function<void(SyncCon&)>& change);
+    /// Makes the waiting thread look again at what it waits for.
+    void Wake();
 
     struct Outcome
     {
@@ -32,7 +34,7 @@ public:
         int nRealTimeout; ///< ticks, as last asked for
     };
     /// Waits until isDone, the time is over, the process is exiting or the library is being stopped. The caller is
-    /// inside the gate SyncWaits.
+    /// in a stay of SyncWaits that calls Wake.
     /// @param timeOut  asked at each tick, for the whole time in ticks; called with the mutex held
     /// @param isDone   asked with the mutex held
     Outcome Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone);

@@ -234,8 +234,8 @@ int TarnAsn1Message::SyncHandleMessage(int nTimeOut)
         con.iFlag = 0;
         con.bCancelled = false;
     });
-    const StopGate::Pass wait(SyncWaits()); // held until the message is forgotten
-    if (!wait)
+    const SyncWaits::Stay stay([pSyncCon] { pSyncCon->Wake(); }); // until the message is forgotten
+    if (!stay)
     {
         TarnAdapterFrmtTrace(1, "%s SyncHandleMessage() TIMEOUT\n", ClassName(*this));
         return ADAPTER_ERR_TIMEOUT;

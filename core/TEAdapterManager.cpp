@@ -10,14 +10,14 @@
 #include "core/StopGate.h"
 #include "core/SyncWaits.h"
 #include "core/TEMessageTimer.h"
-#include "core/ThreadsLeft.h"
-#include "platform/tarnplatform.h"
+#include "core/ThreadCount.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Object_Manager.h>
 #include <ace/Reactor.h>
 
+#include <chrono>
 #include <new>
 
 std::atomic<TEAdapterManager*> TEAdapterManager::m_pInstance{nullptr};
@@ -27,7 +27,7 @@ std::atomic<bool> TEAdapterManager::s_bAsyncIOPending{false};
 
 namespace {
 
-constexpr DWORD THREAD_POLL_MS = 1000;
+constexpr auto POLL = std::chrono::milliseconds(1000);
 
 } // namespace
 
@@ -64,13 +64,13 @@ void TEAdapterManager::Destroy()
     // want it. A tick may also wait for room in a queue, until asynchronous I/O lets it go.
     pManager->m_pStartGate->ShutAndWait();
     pManager->m_pTickGate->Shut();
-    SyncWaits().Shut();
+    SyncWaits::Instance().Shut();
     if (s_bStarted && g_ManagerParts.pfnStopAsyncIO != nullptr)
         g_ManagerParts.pfnStopAsyncIO();
     pManager->m_pTickGate->ShutAndWait();
-    SyncWaits().ShutAndWait();
+    SyncWaits::Instance().ShutAndWait();
     ExistingManager::Set(nullptr);
-    const std::shared_ptr<ThreadsLeft> pTimerThreadsLeft = pManager->m_pTimerThreadsLeft;
+    const std::shared_ptr<ThreadCount> pTimerThreads = pManager->m_pTimerThreads;
     {
         ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, *ACE_Static_Object_Lock::instance());
         // The pointer is cleared last: the timer thread, which is waited for in here, still asks for the
@@ -79,11 +79,11 @@ void TEAdapterManager::Destroy()
         m_pInstance.store(nullptr, std::memory_order_release);
     }
     // After it is released: what runs at a thread's end is the application's, too.
-    pTimerThreadsLeft->WaitUntilNone();
+    pTimerThreads->WaitForEnds();
 }
 
 TEAdapterManager::TEAdapterManager()
-    : m_pTimerThreadsLeft(std::make_shared<ThreadsLeft>())
+    : m_pTimerThreads(std::make_shared<ThreadCount>())
     , m_pStartGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
     , m_pTickGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
 {
@@ -113,7 +113,7 @@ int TEAdapterManager::Init()
         TarnAdapterTrace(2, "TEAdapterManager::Init ,Init again", true, false);
         return 0;
     }
-    SyncWaits().Open();
+    SyncWaits::Instance().Open();
     if (!DistributeMessageAdapters() || !CreateReactor() || !CreateMessageTimer() || !SpawnTimerThread())
         return -1;
     s_bStarted = true;
@@ -190,7 +190,6 @@ ACE_THR_FUNC_RETURN TEAdapterManager::StartTimerEventLoop(void* p)
 
 void TEAdapterManager::RunTimerEventLoop()
 {
-    m_pTimerThreadsLeft->Enter();
     const std::uint32_t ulThreadId = Low32(ACE_Thread::self());
     TarnAdapterFrmtTrace(3, "TEAdapterManager Thread process timer eventLoop is 0x%x. \n", ulThreadId);
     if (m_pReactor == nullptr)
@@ -201,35 +200,12 @@ void TEAdapterManager::RunTimerEventLoop()
         return;
     }
     {
-        const CountedIn countedIn(*this);
+        // Also when the application ends the thread inside a call, the thread is counted out.
+        const ThreadCount::Inside inside(*m_pTimerThreads);
         RunReactorLoop(*m_pReactor, [this] { m_TimerThreadStarted.signal(); });
     }
     // The manager may be gone as soon as the count is 0: nothing of it is touched afterwards.
     TarnAdapterFrmtTrace(3, "TEAdapterManager Quit Thread process eventLoop is 0x%x. \n", ulThreadId);
-}
-
-// Also when the application ends the thread inside a call, the thread is counted out.
-TEAdapterManager::CountedIn::CountedIn(TEAdapterManager& manager)
-    : m_Manager(manager)
-{
-    m_Manager.AddToTimerThreadCount(1);
-}
-
-TEAdapterManager::CountedIn::~CountedIn()
-{
-    m_Manager.AddToTimerThreadCount(-1);
-}
-
-int TEAdapterManager::TimerThreadCount()
-{
-    const TarnGuard guard(m_TimerThreadCountLock);
-    return m_nTimerThreadCount;
-}
-
-void TEAdapterManager::AddToTimerThreadCount(int iDelta)
-{
-    const TarnGuard guard(m_TimerThreadCountLock);
-    m_nTimerThreadCount += iDelta;
 }
 
 void TEAdapterManager::StopThreads()
@@ -274,9 +250,9 @@ void TEAdapterManager::ClearMessageMaps()
 
 void TEAdapterManager::WaitForTimerThread()
 {
-    while (TimerThreadCount() != 0)
+    while (m_pTimerThreads->Get() != 0)
     {
         TarnAdapterTrace(3, "~TEAdapterManager,waiting for thread to quit\n", true, true);
-        Sleep(THREAD_POLL_MS);
+        m_pTimerThreads->WaitForNone(POLL);
     }
 }

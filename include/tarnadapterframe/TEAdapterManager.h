@@ -26,7 +26,7 @@ class TEMessageAdapter;
 class StopGate;
 class TEMessageTimer;
 class TarnProtocolAdapter;
-class ThreadsLeft;
+class ThreadCount;
 
 /// Registrar: a static instance adds one message adapter to the list of one message class (the list that the
 /// class's GetMessageAdapterVec returns). The lists are filled at every start of the library; a registrar
@@ -198,25 +198,11 @@ private:
     bool IsRegistered(const TarnProtocolAdapter* pAdapter) TARN_EXCLUDES(m_RegistryMutex);
     TarnProtocolAdapter* FirstOwned() TARN_EXCLUDES(m_RegistryMutex);
     void DeleteIfOwned(TarnProtocolAdapter* pAdapter) TARN_EXCLUDES(m_RegistryMutex);
-    void WaitForTimerThread() TARN_EXCLUDES(m_TimerThreadCountLock);
+    void WaitForTimerThread();
 
     // Body of the timer thread; p is the manager.
     static ACE_THR_FUNC_RETURN StartTimerEventLoop(void* p);
     void RunTimerEventLoop();
-    // In m_nTimerThreadCount for its own lifetime.
-    class CountedIn
-    {
-    public:
-        explicit CountedIn(TEAdapterManager& manager);
-        ~CountedIn();
-        CountedIn(const CountedIn&) = delete;
-        CountedIn& operator=(const CountedIn&) = delete;
-
-    private:
-        TEAdapterManager& m_Manager;
-    };
-    int TimerThreadCount() TARN_EXCLUDES(m_TimerThreadCountLock);
-    void AddToTimerThreadCount(int iDelta) TARN_EXCLUDES(m_TimerThreadCountLock);
 
     // One tick, on the timer thread. Neither argument is looked at.
     int HandleTimeOut(const ACE_Time_Value& currentTime, const void* pArg);
@@ -243,8 +229,8 @@ private:
     // Set by Init before the timer thread exists, deleted after that has ended; owned.
     ACE_Reactor* m_pReactor = nullptr;
 
-    int m_nTimerThreadCount TARN_GUARDED_BY(m_TimerThreadCountLock) = 0;
-    TarnThreadMutex m_TimerThreadCountLock;
+    // The timer thread, while it runs. Outlives the manager until that thread has ended for good.
+    const std::shared_ptr<ThreadCount> m_pTimerThreads;
 
     // Set by the constructor: registered under id 1, never deleted here; null in a library without it.
     TarnProtocolAdapter* m_pBuiltInAdapter = nullptr;
@@ -252,9 +238,6 @@ private:
     std::set<TarnProtocolAdapter*> m_setOwnedAdapter TARN_GUARDED_BY(m_RegistryMutex);
     // Signalled by a timer thread that has counted itself, or has given up before.
     ACE_Manual_Event m_TimerThreadStarted;
-    // Knows when the timer thread has ended for good, after it has left the count. Outlives the manager by
-    // that.
-    const std::shared_ptr<ThreadsLeft> m_pTimerThreadsLeft;
     // Passed by requests to start asynchronous I/O, and by ticks; shut by the stop.
     const std::unique_ptr<StopGate> m_pStartGate;
     const std::unique_ptr<StopGate> m_pTickGate;
