@@ -139,7 +139,7 @@ TEST_F(Asn1Stress, AnswersBesideTheEndOfAList)
 TEST_F(Asn1Stress, TheLibraryStopsBesideWaitsOfAllKinds)
 {
     EndAnswers(); // who routes answers uses the manager, which goes
-    for (int i = 0; i < StressRounds(5); ++i)
+    for (int i = 0; i < StressRounds(100); ++i)
     {
         ASSERT_EQ(tarnadapter::Init(), 0);
         host.ClearLines();

@@ -1,40 +1,21 @@
 #ifndef TARN_TESTS_SUPPORT_FRAMEADAPTER_H
 #define TARN_TESTS_SUPPORT_FRAMEADAPTER_H
 
+#include "support/Living.h"
 #include "support/TestAdapters.h"
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
-#include <set>
 #include <string>
 
-/// A whole frame that an Element has sent; an application thread hands it to the adapter's function. The
-/// living ones are known, since those that are queued at a stop are nobody's afterwards.
-class FrameMessage : public TEMessage
+/// A whole frame that an Element has sent; an application thread hands it to the adapter's function.
+class FrameMessage : public TEMessage, public Living<FrameMessage>
 {
 public:
     FrameMessage(TarnProtocolAdapter* pAdapter, std::function<void(FrameMessage&)>& onFrame)
         : TEMessage(pAdapter, RESPONSE_MESSAGE, 60)
         , m_OnFrame(onFrame)
-    {
-        const std::lock_guard<std::mutex> guard(s_Mutex);
-        s_Alive.insert(this);
-    }
-    ~FrameMessage() override
-    {
-        const std::lock_guard<std::mutex> guard(s_Mutex);
-        s_Alive.erase(this);
-    }
-
-    /// Deletes what is left when no thread of the library runs any more. @return how many there were
-    static std::size_t DeleteLeft()
-    {
-        const std::set<FrameMessage*> left = s_Alive;
-        for (const FrameMessage* pMessage : left)
-            delete pMessage;
-        return left.size();
-    }
+    {}
 
     EMessageSyncFlag GetSyncFlag() override { return ASYNC_MESSAGE; }
     TEMessageAdapter* GetMessageAdapter() override { return nullptr; }
@@ -46,9 +27,6 @@ public:
     std::string strPayload;
 
 private:
-    static inline std::mutex s_Mutex;
-    static inline std::set<FrameMessage*> s_Alive; // guarded by s_Mutex
-
     std::function<void(FrameMessage&)>& m_OnFrame;
 };
 

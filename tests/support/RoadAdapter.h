@@ -126,12 +126,17 @@ public:
             ++Answer::s_nReports;
             return static_cast<int>(uLength);
         }
-        auto* pAnswer =
-            new Answer(this, ulSerial,
-                       std::string(data.begin() + 8, data.begin() + static_cast<std::ptrdiff_t>(uLength)));
+        Answer* pAnswer = NewAnswer(
+            ulSerial, std::string(data.begin() + 8, data.begin() + static_cast<std::ptrdiff_t>(uLength)));
         if (TEAsyncIOMgr::Instance()->AddTERspMessageData(pAnswer) != 0)
             delete pAnswer;
         return static_cast<int>(uLength);
+    }
+
+protected:
+    virtual Answer* NewAnswer(std::uint32_t ulSerial, std::string strText)
+    {
+        return new Answer(this, ulSerial, std::move(strText));
     }
 };
 
