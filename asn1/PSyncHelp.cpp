@@ -8,6 +8,7 @@
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/TarnAsn1Message.h"
 
+#include <iterator>
 #include <utility>
 
 namespace {
@@ -72,9 +73,11 @@ bool PSyncHelp::Prepare(TarnAsn1Message& message, int iResult)
 
 int PSyncHelp::SendOne(TarnAsn1Message& message)
 {
+    TarnAsn1Message::Forgotten forgotten(message); // whatever it has announced before it failed
     int iResult = -1;
-    if (!CallApplication("HandleMessage", typeid(message), [&] { iResult = message.HandleMessage(); }))
-        message.CancelMessage(); // it may have been announced before
+    CallApplication("HandleMessage", typeid(message), [&] { iResult = message.HandleMessage(); });
+    if (iResult == 0)
+        forgotten.Dismiss();
     return iResult;
 }
 
@@ -106,7 +109,13 @@ int PSyncHelp::AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, 
     if (!MakeSyncCon(pszFailed))
         return ADAPTER_ERR_NO_MEMORY;
     // Made before it is sent: then nothing can fail any more.
-    std::list<MsgContext> lstNew = {{pMessage, pUserData1, pUserData2, pUserData3, pUserData4}};
+    std::list<MsgContext> lstNew;
+    const bool bMade = WithMemory("PSyncHelp::AsynSendAsn1Message", false, [&] {
+        lstNew.push_back({pMessage, pUserData1, pUserData2, pUserData3, pUserData4});
+        return true;
+    });
+    if (!bMade)
+        return ADAPTER_ERR_NO_MEMORY;
     const int iResult = SendOne(*pMessage);
     if (iResult == HANDLED)
         delete pMessage;
@@ -123,7 +132,11 @@ int PSyncHelp::AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, 
         ++m_nReceived;
     }
     else
+    {
+        const TarnGuard guard(m_ListMutex);
+        m_nReceived -= pMessage->m_pOwnerList == nullptr ? 1 : 0; // answered, and then failed
         return iResult;
+    }
     return 0;
 }
 
@@ -138,11 +151,15 @@ int PSyncHelp::AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages
             return -1;
         }
     }
-    {
+    const bool bTaken = WithMemory("PSyncHelp::AsyncSendAsn1MessageList", false, [&] {
+        std::list<MsgContext> lstNew = lstMessages;
         const TarnGuard guard(m_ListMutex);
-        m_lstMessages = lstMessages;
+        m_lstMessages.swap(lstNew);
         m_nReceived = 0;
-    }
+        return true;
+    });
+    if (!bTaken)
+        return -1;
     if (lstMessages.empty())
     {
         TarnAdapterFrmtTrace(1, "AsyncSendAsn1MessageList : msgList is empty.\n");
@@ -162,9 +179,9 @@ int PSyncHelp::AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages
 int PSyncHelp::SendList(const std::list<MsgContext>& lstMessages)
 {
     std::size_t uSent = 0;
-    for (const MsgContext& context : lstMessages)
+    for (auto it = lstMessages.begin(); it != lstMessages.end(); ++it)
     {
-        TarnAsn1Message& message = *context.pAsn1Msg;
+        TarnAsn1Message& message = *it->pAsn1Msg;
         const int iResult = Prepare(message, NOT_ANSWERED) ? SendOne(message) : -1;
         if (iResult == 0)
         {
@@ -172,11 +189,11 @@ int PSyncHelp::SendList(const std::list<MsgContext>& lstMessages)
             continue;
         }
         if (iResult == SNMP_CLASS_TL_FAILED)
-            return AbandonList(lstMessages, &message, iResult);
+            return AbandonList(lstMessages, std::next(it), iResult);
         message.CancelMessage();
         message.SetResult(iResult);
         TarnAdapterFrmtTrace(3, "AsyncSendAsn1MessageList : get a error %d.%d,%d.\n", iResult,
-                             static_cast<int>(uSent), CountOne());
+                             static_cast<int>(uSent), CountFailed(message));
     }
     if (uSent == lstMessages.size())
         return 0;
@@ -186,23 +203,20 @@ int PSyncHelp::SendList(const std::list<MsgContext>& lstMessages)
     return -1;
 }
 
-/// Counts a message as answered. @return how many are
-int PSyncHelp::CountOne()
+/// Counts a message as answered, unless an answer has come before it failed. @return how many are
+int PSyncHelp::CountFailed(TarnAsn1Message& message)
 {
     const TarnGuard guard(m_ListMutex);
-    return ++m_nReceived;
+    m_nReceived += std::exchange(message.m_pOwnerList, nullptr) != nullptr ? 1 : 0;
+    return m_nReceived;
 }
 
 /// Forgets the messages of a list up to the one that failed.
-int PSyncHelp::AbandonList(const std::list<MsgContext>& lstMessages, const TarnAsn1Message* pLast,
-                           int iResult)
+int PSyncHelp::AbandonList(const std::list<MsgContext>& lstMessages,
+                           std::list<MsgContext>::const_iterator itRest, int iResult)
 {
-    for (const MsgContext& context : lstMessages)
-    {
-        context.pAsn1Msg->CancelMessage();
-        if (context.pAsn1Msg == pLast)
-            break;
-    }
+    for (auto it = lstMessages.begin(); it != itRest; ++it)
+        it->pAsn1Msg->CancelMessage();
     lstMessages.front().pAsn1Msg->SetResult(iResult);
     ResetCount();
     TarnAdapterFrmtTrace(1, "AsyncSendAsn1MessageList : get SNMP_CLASS_TL_FAILED fail.%d\n", iResult);
@@ -225,6 +239,23 @@ int PSyncHelp::Signal()
         pSyncCon->Change([](SyncCon& con) { con.iFlag = 1; });
     return 0;
 }
+
+/// When the waiting thread is ended, nobody answers the messages any more, which may go with it.
+struct PSyncHelp::ForgetAtEnd
+{
+    PSyncHelp& help;
+    bool bDone = false;
+
+    ~ForgetAtEnd()
+    {
+        if (bDone)
+            return;
+        const NoResponses noResponses;
+        const TarnGuard guard(help.m_ListMutex);
+        for (const MsgContext& context : help.m_lstMessages)
+            const TarnAsn1Message::Forgotten forgotten(*context.pAsn1Msg);
+    }
+};
 
 int PSyncHelp::Waiting(int nTimeOut, std::list<MsgContext>& lstOut)
 {
@@ -253,8 +284,11 @@ int PSyncHelp::Waiting(int nTimeOut, std::list<MsgContext>& lstOut)
         TarnAdapterFrmtTrace(1, "PSyncHelp::Waiting , NULL m_SyncCon");
         return 1;
     }
-    const SyncCon::Outcome outcome =
-        pSyncCon->Wait([this] { return GetTimeOut(); }, [pSyncCon] { return pSyncCon->iFlag != 0; });
+    ForgetAtEnd forgetAtEnd{*this};
+    SyncCon::Outcome outcome = {false, 0, 0, 0};
+    if (stay)
+        outcome =
+            pSyncCon->Wait([this] { return GetTimeOut(); }, [pSyncCon] { return pSyncCon->iFlag != 0; });
     TarnAdapterFrmtTrace(3, "#####PSyncHelp::Waiting iCurtimeout:%d. nRealTimeout:%d.\n", outcome.iTicks,
                          outcome.nRealTimeout);
     TarnAdapterFrmtTrace(3, "PSyncHelp::Waiting end-------------------------");
@@ -265,6 +299,7 @@ int PSyncHelp::Waiting(int nTimeOut, std::list<MsgContext>& lstOut)
     // Also waits for an answer that is being delivered, to the Signal that follows it.
     for (const MsgContext& context : lstOut)
         context.pAsn1Msg->CancelMessage();
+    forgetAtEnd.bDone = true;
     ResetCount();
     pSyncCon->Change([](SyncCon& con) { con.iFlag = 0; });
     return outcome.bSignalled ? 0 : 1;

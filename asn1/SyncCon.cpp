@@ -52,9 +52,12 @@ SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::f
     Outcome outcome = {false, 0, 0, 0};
     const auto now = ACE_Monotonic_Time_Policy()();
     const ACE_Time_Value start(now.sec(), now.usec());
-    ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *m_pMutex, outcome);
-    while (!TarnIsExit() && !IsStopping())
+    // The host is asked without the mutex, which whoever brings an answer takes with the correlation lock held.
+    while (!outcome.bSignalled && !TarnIsExit())
     {
+        ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *m_pMutex, outcome);
+        if (IsStopping())
+            break;
         outcome.nRealTimeout = timeOut();
         if (outcome.iTicks >= outcome.nRealTimeout)
             break;
@@ -64,11 +67,8 @@ SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::f
         int iWait = 0;
         while (!isDone() && !IsStopping() && iWait != -1)
             iWait = m_pCondition->wait(&deadline);
-        if (!isDone())
-            continue;
-        outcome.bSignalled = true;
+        outcome.bSignalled = isDone();
         outcome.iFlag = iFlag;
-        break;
     }
     return outcome;
 }

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -32,6 +33,19 @@ TarnAdapterRuntimeClass TarnAsn1Message::classTarnAsn1Message = {"TarnAsn1Messag
                                                                  &TarnAdapterObject::classTarnAdapterObject,
                                                                  nullptr};
 
+namespace {
+
+/// A copy of a target, made by its class; null without one, and when the class throws.
+TarnTarget* CloneOf(const TarnTarget* pTarget)
+{
+    TarnTarget* pClone = nullptr;
+    if (pTarget != nullptr)
+        CallApplication("Clone", typeid(*pTarget), [&] { pClone = pTarget->Clone(); });
+    return pClone;
+}
+
+} // namespace
+
 TarnAdapterObject* TarnAsn1Message::CreateObject()
 {
     return new TarnAsn1Message;
@@ -45,7 +59,7 @@ TarnAsn1Message::TarnAsn1Message()
 
 TarnAsn1Message::TarnAsn1Message(const TarnAsn1Message& other)
     : TEMessage(other)
-    , m_pTargetId(other.m_pTargetId != nullptr ? other.m_pTargetId->Clone() : nullptr)
+    , m_pTargetId(CloneOf(other.m_pTargetId.get()))
     , m_iResult(other.m_iResult.load())
     , m_eSyncFlag(other.m_eSyncFlag.load())
     , m_pOwnerList(other.m_pOwnerList)
@@ -58,12 +72,18 @@ TarnAsn1Message& TarnAsn1Message::operator=(const TarnAsn1Message& other)
     // What is registered under the serial that goes.
     TarnAsyncMessageReceiver::RemoveOwn(*this);
     TEAdapterManager::ForgetSourceMessage(*this);
-    m_pTargetId.reset(other.m_pTargetId != nullptr ? other.m_pTargetId->Clone() : nullptr);
+    m_pTargetId.reset(CloneOf(other.m_pTargetId.get()));
     TEMessage::operator=(other);
     m_iResult = other.m_iResult.load();
     m_eSyncFlag = other.m_eSyncFlag.load();
     m_pOwnerList = other.m_pOwnerList;
     return *this;
+}
+
+TarnAsn1Message::Forgotten::~Forgotten()
+{
+    if (m_pMessage != nullptr)
+        TEAdapterManager::ForgetSourceMessage(*m_pMessage);
 }
 
 TarnAsn1Message::~TarnAsn1Message()
@@ -101,8 +121,7 @@ void TarnAsn1Message::SetResult(int iResult)
 
 void TarnAsn1Message::SetTargetId(const TarnTarget& target)
 {
-    TarnTarget* pClone = nullptr;
-    if (CallApplication("Clone", typeid(target), [&] { pClone = target.Clone(); }))
+    if (TarnTarget* pClone = CloneOf(&target))
         m_pTargetId.reset(pClone);
 }
 
@@ -143,17 +162,23 @@ TEMessageAdapter* TarnAsn1Message::GetMessageAdapter()
 int TarnAsn1Message::HandleMessage()
 {
     const EAdapterMessageType eType = GetType();
+    int iResult = -1;
     if (eType == COMMAND_MESSAGE)
-        return HandleCommand();
-    if (eType == RESPONSE_MESSAGE)
-        return HandleResponse();
-    TarnAdapterFrmtTrace(1, "Messsage type error : %d \n", static_cast<int>(eType));
-    return ADAPTER_ERR_MSG_TYPE;
+        CallApplication("HandleCommand", typeid(*this), [&] { iResult = HandleCommand(); });
+    else if (eType == RESPONSE_MESSAGE)
+        CallApplication("HandleResponse", typeid(*this), [&] { iResult = HandleResponse(); });
+    else
+    {
+        TarnAdapterFrmtTrace(1, "Messsage type error : %d \n", static_cast<int>(eType));
+        iResult = ADAPTER_ERR_MSG_TYPE;
+    }
+    return iResult;
 }
 
 int TarnAsn1Message::HandleCommand()
 {
-    TEMessageAdapter* pAdapter = GetMessageAdapter();
+    TEMessageAdapter* pAdapter = nullptr;
+    CallApplication("GetMessageAdapter", typeid(*this), [&] { pAdapter = GetMessageAdapter(); });
     if (pAdapter == nullptr)
     {
         TarnAdapterFrmtTrace(1, "TarnAsn1Message::HandleCommand,no message adapter!\n");
@@ -175,7 +200,7 @@ void TarnAsn1Message::ReleaseAsync()
 {
     if (SafeSyncFlag() != ASYNC_MESSAGE)
         return;
-    TarnAsyncMessageReceiver::RemoveOwn(*this); // by the serial of the derived class
+    TarnAsyncMessageReceiver::RemoveOwn(*this); // whatever the flag is when the message is destroyed
     delete this;
 }
 
@@ -193,7 +218,7 @@ int TarnAsn1Message::HandleResponse()
     switch (SafeSyncFlag())
     {
     case PSYNC_MESSAGE:
-        if (PSyncHelp* pOwnerList = m_pOwnerList)
+        if (PSyncHelp* pOwnerList = std::exchange(m_pOwnerList, nullptr)) // counted once
         {
             bool bAllReceived = false;
             pOwnerList->ReceiveRespMsg(this, bAllReceived);
@@ -206,11 +231,20 @@ int TarnAsn1Message::HandleResponse()
             pSyncCon->Change([](SyncCon& con) { con.iFlag = 1; });
         break;
     case ASYNC_MESSAGE: {
+        // Also when the callback ends its thread.
+        struct End
+        {
+            TarnAsn1Message& message;
+            ~End()
+            {
+                TarnAsyncMessageReceiver::RemoveOwn(message);
+                delete &message;
+            }
+        };
+        const End end{*this};
         AsynCallBack callBack;
         if (TarnAsyncMessageReceiver::Copy(*this, callBack))
             CallApplication("AsynCallBack", typeid(*this), [&] { callBack(this, nullptr, nullptr); });
-        TarnAsyncMessageReceiver::RemoveOwn(*this);
-        delete this;
         break;
     }
     default:
@@ -240,14 +274,14 @@ int TarnAsn1Message::SyncHandleMessage(int nTimeOut)
         TarnAdapterFrmtTrace(1, "%s SyncHandleMessage() TIMEOUT\n", ClassName(*this));
         return ADAPTER_ERR_TIMEOUT;
     }
+    // However this thread leaves, an exception or its end included, the message is the caller's again.
+    const Forgotten forgotten(*this);
     int iResult = -1;
-    const bool bHandled = CallApplication("HandleMessage", typeid(*this), [&] {
+    CallApplication("HandleMessage", typeid(*this), [&] {
         SetSyncFlag(SYNC_MESSAGE);
         SetType(COMMAND_MESSAGE);
         iResult = HandleMessage();
     });
-    if (!bHandled)
-        CancelMessage(); // it may have been announced before
     if (iResult != 0)
         return iResult == HANDLED || iResult == COMPLETED ? 0 : iResult;
     return WaitForResponse(*pSyncCon);

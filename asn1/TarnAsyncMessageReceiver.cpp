@@ -69,9 +69,12 @@ void TarnAsyncMessageReceiver::RegisterMessage(TEMessage* pMessage, AsynCallBack
         return;
     }
     const std::uint32_t ulSerial = pMessage->GetMessageSerial();
-    const TarnGuard guard(m_Lock);
-    if (!m_mapCallBack.emplace(ulSerial, pCallBack).second)
-        TarnAdapterFrmtTrace(1, "TarnAsyncMessageReceiver RegisterMessage error,msg alredy exist");
+    WithMemory("TarnAsyncMessageReceiver::RegisterMessage", -1, [&] {
+        const TarnGuard guard(m_Lock);
+        if (!m_mapCallBack.emplace(ulSerial, pCallBack).second)
+            TarnAdapterFrmtTrace(1, "TarnAsyncMessageReceiver RegisterMessage error,msg alredy exist");
+        return 0;
+    });
 }
 
 bool TarnAsyncMessageReceiver::HaveRegisterAsyncMsgCallBack(TEMessage* pMessage)

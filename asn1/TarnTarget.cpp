@@ -1,5 +1,6 @@
 #include "tarnadapterframe/TarnTarget.h"
 
+#include "core/ApplicationCall.h"
 #include "core/LogArguments.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
@@ -7,11 +8,17 @@
 
 namespace {
 
-bool IsText(const char* pszText, const char* pszOperation)
+void SetText(std::string& strField, const char* pszText, const char* pszOperation)
 {
     if (pszText == nullptr)
+    {
         TarnAdapterFrmtTrace(1, "TarnTarget::%s fail, input para is NULL\n", pszOperation);
-    return pszText != nullptr;
+        return;
+    }
+    WithMemory(pszOperation, 0, [&] {
+        strField = pszText;
+        return 0;
+    });
 }
 
 int Sign(int iNumber)
@@ -65,14 +72,12 @@ void TarnTarget::SetNeId(unsigned long ulNeId)
 
 void TarnTarget::SetDevType(const char* pszDevType)
 {
-    if (IsText(pszDevType, "SetDevType"))
-        m_strDevType = pszDevType;
+    SetText(m_strDevType, pszDevType, "SetDevType");
 }
 
 void TarnTarget::SetDevVersion(const char* pszDevVersion)
 {
-    if (IsText(pszDevVersion, "SetDevVersion"))
-        m_strDevVersion = pszDevVersion;
+    SetText(m_strDevVersion, pszDevVersion, "SetDevVersion");
 }
 
 TarnTarget* TarnTarget::Clone() const

@@ -113,10 +113,10 @@ int TEAdapterManager::Init()
         TarnAdapterTrace(2, "TEAdapterManager::Init ,Init again", true, false);
         return 0;
     }
-    SyncWaits::Instance().Open();
     if (!DistributeMessageAdapters() || !CreateReactor() || !CreateMessageTimer() || !SpawnTimerThread())
         return -1;
     s_bStarted = true;
+    SyncWaits::Instance().Open();
     if (s_bAsyncIOPending)
         StartAsyncIO();
     return 0;

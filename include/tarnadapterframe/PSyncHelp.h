@@ -39,18 +39,20 @@ public:
     virtual ~PSyncHelp();
 
     /// Adds one message to the exchange and sends it.
-    /// @return 0 sent, or completed; the message is the exchange's then. If it was handled completely (1) it has
-    ///         been deleted. Anything else: not sent, and still the caller's
+    /// @return 0 sent, or completed; the message is the exchange's then and not to be touched before Waiting. If it
+    ///         was handled completely (1) it has been deleted. Anything else: not sent, and still the caller's
     int AsynSendAsn1Message(TarnAsn1Message* pMessage, void* pUserData1, void* pUserData2, void* pUserData3,
                             void* pUserData4);
 
-    /// Sends a whole list, which replaces what the exchange held. The four pointers are not used, each element
-    /// carries its own.
+    /// Sends a whole list, which replaces what the exchange held: end that first, or answers to it count for this
+    /// list. The four pointers are not used, each element carries its own. Any result of a message's handling but 0
+    /// counts as a failure here, 1 and -6 included.
     /// @return 0 all sent, or the list is empty; 1 some sent, the others count as answered and carry the code of
     ///         their failure as result; -1 none sent, or one failed with -22 (SNMP_CLASS_TL_FAILED): the rest was
-    ///         not sent, what was sent is forgotten, and the first message's result says why. The exchange holds
-    ///         the list still then: end it by Waiting, or by ClearAsn1Msg where memory was missing, before the
-    ///         messages are destroyed. A list with a null message is refused with -1, and changes nothing
+    ///         not sent, what was sent is forgotten, and the first message's result says why. No answer will come
+    ///         then, but the exchange holds the list still: end it, before the messages are destroyed, by Waiting
+    ///         with a time of 0, or by sending an empty list. A list with a null message, or one that there is no
+    ///         memory to copy, is refused with -1, and changes nothing
     int AsyncSendAsn1MessageList(const std::list<MsgContext>& lstMessages, void* pUnused1, void* pUnused2,
                                  void* pUnused3, void* pUnused4);
 
@@ -58,7 +60,8 @@ public:
     /// scaled. Ends early when the process is exiting or the library is being stopped.
     /// @param nTimeOut  seconds; SetTimeOut of another thread takes effect at the next tick
     /// @param lstOut    set to the messages of the exchange, which are the caller's again. A message that was not
-    ///                  answered has the result -8888 (sent in a list) or ADAPTER_ERR_TIMEOUT (sent singly)
+    ///                  answered has the result -8888 (sent in a list) or ADAPTER_ERR_TIMEOUT (sent singly).
+    ///                  Untouched, as the exchange is, when memory was missing to send anything
     /// @return 0 all answered; 1 not in time
     int Waiting(int nTimeOut, std::list<MsgContext>& lstOut);
 
@@ -75,13 +78,16 @@ public:
     int GetTimeOut() TARN_EXCLUDES(m_TimeOutLock);
 
 private:
+    struct ForgetAtEnd;
+
     bool Prepare(TarnAsn1Message& message, int iResult);
     static int SendOne(TarnAsn1Message& message);
     bool MakeSyncCon(const char*& pszFailed);
     int SendList(const std::list<MsgContext>& lstMessages);
-    int AbandonList(const std::list<MsgContext>& lstMessages, const TarnAsn1Message* pLast, int iResult);
+    int AbandonList(const std::list<MsgContext>& lstMessages, std::list<MsgContext>::const_iterator itRest,
+                    int iResult);
     void ResetCount() TARN_EXCLUDES(m_ListMutex);
-    int CountOne() TARN_EXCLUDES(m_ListMutex);
+    int CountFailed(TarnAsn1Message& message) TARN_EXCLUDES(m_ListMutex);
 
     std::list<MsgContext> m_lstMessages TARN_GUARDED_BY(m_ListMutex);
     int m_nReceived TARN_GUARDED_BY(m_ListMutex) = 0;

@@ -32,8 +32,8 @@ public:
 /// by the creating thread before the message is shared; its type may be read and set, and its timeout taken
 /// and changed, by any thread at any time.
 ///
-/// The destructor unregisters nothing: a message that is announced to TEAdapterManager must be unregistered
-/// there before it is deleted.
+/// The destructor unregisters nothing: a source message that is announced to TEAdapterManager must be unregistered
+/// there before it is deleted. Sink messages may go any time, the maps hold their keys only.
 class TARN_ADAPTER_API TEMessage : public TarnAdapterObject
 {
 public:

@@ -28,7 +28,8 @@ public:
     /// True when this adapter can carry the message. The base carries none.
     virtual bool CanTranslate(TEMessage* pMessage);
 
-    /// Translates and sends a source message. @return 0 when it is on its way; the base -1.
+    /// Translates and sends a source message. @return 0 when it is on its way; the base -1. What else it may say of an
+    /// ASN.1 message is told at TarnAsn1Message.
     virtual int HandleMessage(TEMessage* pMessage);
 
     /// Takes the answer that a sink message brought for a source message. The framework itself never calls
@@ -57,7 +58,8 @@ public:
     TarnProtocolAdapter* SinkProtocolInstance() const;
 
 protected:
-    // Set at construction, not guarded. Not owned.
+    // Set at construction, and by a derived class after each start, before messages are sent: the adapters end with
+    // the library's stop. Not guarded, not owned.
     TarnProtocolAdapter* m_pSrcAdapter;
     TarnProtocolAdapter* m_pSinkAdapter;
 };

@@ -19,12 +19,13 @@ class TarnTarget;
 /// |---|---|---|---|---|
 /// | blocking | SYNC_MESSAGE | SyncHandleMessage | its return | the caller |
 /// | with a callback | ASYNC_MESSAGE | HandleMessage | its AsynCallBack | the library, from HandleMessage on |
-/// | in a list | PSYNC_MESSAGE | PSyncHelp | PSyncHelp::Waiting | the caller, but for PSyncHelp::ClearAsn1Msg |
+/// | in a list | PSYNC_MESSAGE | PSyncHelp | PSyncHelp::Waiting | the caller, but see PSyncHelp |
 ///
 /// The message adapter that reaches the target gets the request (TEMessageAdapter::HandleMessage). It answers 0:
-/// announced to TEAdapterManager and sent, an answer is to come. 1: handled completely. -6: completed at once,
-/// which the waiting ways take for success. Anything else: failed. With any result but 0 it has announced and
-/// delivered nothing. After 0 the framework does not touch a message that nobody waits for, so the answer may
+/// announced to TEAdapterManager and sent, an answer is to come. 1: handled completely; -6: completed at once: success
+/// for SyncHandleMessage and for PSyncHelp's single messages, failures in its lists. -22 (SNMP_CLASS_TL_FAILED):
+/// failed, and a list is abandoned. Anything else: failed. With any result but 0 it has announced and delivered
+/// nothing. After 0 the framework does not touch a message that nobody waits for, so the answer may
 /// come, and delete it, at once.
 ///
 /// The answer is delivered by the application's code on a response thread: it finds and unregisters the source
@@ -59,7 +60,8 @@ public:
     TarnAsn1Message& operator=(const TarnAsn1Message& other);
 
     TarnAdapterRuntimeClass* GetRuntimeClass() const override;
-    /// Removes the message's callback, and its record in the correlation maps if there still is one.
+    /// Removes the message's callback, if its sync flag is ASYNC_MESSAGE, and its record in the correlation maps, if
+    /// there still is one.
     ~TarnAsn1Message() override;
 
     void SetSyncFlag(EMessageSyncFlag eSyncFlag) override;
@@ -92,19 +94,37 @@ public:
     /// @param nTimeOut  seconds; scaled by the setting `nNECmdTimeoutRate`, at least 1 then. 0 or below: sent,
     ///                  but not waited for. TEMessage::SetTimeOut of another thread takes effect at the next tick
     /// @return 0 answered, or completed at once; ADAPTER_ERR_TIMEOUT no answer in time, cancelled, exiting or
-    ///         stopping; ADAPTER_ERR_NO_MEMORY not sent; else the result of HandleMessage, not sent
+    ///         stopping, before or after it was sent; ADAPTER_ERR_NO_MEMORY not sent; else the result of HandleMessage, not sent
     int SyncHandleMessage(int nTimeOut);
 
 protected:
-    /// Sends the command. @return as HandleMessage
+    /// Sends the command. An override that calls it must not touch the message afterwards: it may be gone.
+    /// @return as HandleMessage
     virtual int HandleCommand();
-    /// Tells whoever waits that the answer is there. @return 0
+    /// Tells whoever waits that the answer is there; the same holds for an override. @return 0
     virtual int HandleResponse();
     /// @return -1; the framework does not call it
     virtual int HandleReport();
 
 private:
     friend class PSyncHelp;
+
+    // Takes a message out of the correlation maps at the end of a scope, also when an exception or the end of the thread
+    // leaves it.
+    class Forgotten
+    {
+    public:
+        explicit Forgotten(const TarnAsn1Message& message)
+            : m_pMessage(&message)
+        {}
+        ~Forgotten();
+        Forgotten(const Forgotten&) = delete;
+        Forgotten& operator=(const Forgotten&) = delete;
+        void Dismiss() { m_pMessage = nullptr; }
+
+    private:
+        const TarnAsn1Message* m_pMessage;
+    };
 
     EMessageSyncFlag SafeSyncFlag();
     void ReleaseAsync();
@@ -117,7 +137,8 @@ private:
     std::atomic<EMessageSyncFlag> m_eSyncFlag{ASYNC_MESSAGE};
     // Created by the first SyncHandleMessage, deleted with the message. The response flag is in it.
     std::atomic<SyncCon*> m_SyncCon{nullptr};
-    PSyncHelp* m_pOwnerList = nullptr; // set before the message is sent
+    PSyncHelp* m_pOwnerList =
+        nullptr; // set before the message is sent, cleared when it is counted as answered
 };
 
 #endif

@@ -13,9 +13,9 @@ class TEMessage;
 /// A function that is called when the answer to an asynchronous message (ASYNC_MESSAGE) is there.
 ///
 /// Create one with `new` before the message is sent: it registers itself under the message's serial, and belongs to
-/// the registry from then on. It is called once at most, on the response thread that delivers the answer, with no
-/// lock held; the message and the record are deleted after it has returned. It may send messages, register other
-/// callbacks and block. It is not called for a message that fails or expires.
+/// the registry from then on. It is called once at most, on the thread that delivers the answer (a response thread, or
+/// the sending one when the answer is there at once), with no lock held; the message and the record are deleted after it has returned. It may send messages, register other
+/// callbacks and block, but when all response threads wait inside callbacks, none is left to bring their answers. It is not called for a message that fails or expires.
 class TARN_ADAPTER_API AsynCallBack
 {
 public:
@@ -24,7 +24,8 @@ public:
     /// @param pMessage  the message whose answer is awaited, not owned
     /// @param pfn       may be null: nothing is called
     /// @param pUser1    handed to the function, with pUser2
-    /// A message whose serial is registered already keeps its record (logged); the new one stays its caller's.
+    /// A message whose serial is registered already keeps its record (logged); the new one stays its caller's. So does
+    /// one for a null message, and one that there is no memory to register.
     AsynCallBack(TEMessage* pMessage, Function pfn, void* pUser1, void* pUser2);
     AsynCallBack(const AsynCallBack&) = delete;
     /// Copies the four fields and registers nothing.

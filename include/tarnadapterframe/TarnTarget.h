@@ -39,7 +39,9 @@ public:
     /// Takes over all four fields. @return this target
     virtual TarnTarget& Assign(const TarnTarget& other);
     /// Orders targets by the names of their classes, the later name first, then by the signed difference of
-    /// their NE ids. The other fields take no part. @return -1, 0 or 1
+    /// their NE ids. The other fields take no part. The difference wraps, so two ids 0x80000000 apart are each less
+    /// than the other: no order for std::set, std::map or sorting, unless all ids lie within half the range.
+    /// @return -1, 0 or 1
     virtual int Compare(const TarnTarget& other) const;
 
     void SetProtocolID(unsigned long ulProtocolID);

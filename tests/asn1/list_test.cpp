@@ -232,6 +232,22 @@ TEST_F(Lists, AMessageThatThrowsIsOneThatCannotBeSent)
     Manager().UnRegisterSourceMessage(&troubled); // the adapter only hands on
 }
 
+TEST_F(Lists, AMessageIsCountedOnce)
+{
+    const auto lstMessages = MakeList(2);
+    sending.onSent = [&](const TEMessageUnit& unit) {
+        m_Sent.push_back(unit);
+        if (m_Sent.size() > 1)
+            return;
+        EXPECT_TRUE(Answer(unit));
+        throw std::runtime_error("after the answer");
+    };
+    EXPECT_EQ(Send(lstMessages), 1);
+    std::list<MsgContext> lstOut;
+    EXPECT_EQ(help.Waiting(0, lstOut), 1); // the other is not answered
+    EXPECT_EQ(Results(lstOut), (Ints{-1, -8888}));
+}
+
 TEST_F(Lists, AStopEndsTheWait)
 {
     ASSERT_EQ(tarnadapter::Init(), 0);

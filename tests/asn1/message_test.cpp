@@ -225,6 +225,24 @@ TEST_F(Asn1Messages, AWakeUpThatNothingCausedEndsNoWait)
     EXPECT_GE(waited, std::chrono::milliseconds(1990));
 }
 
+TEST_F(Asn1Messages, AThreadThatEndsInsideLeavesNothingBehind)
+{
+    sending.onSent = [](const TEMessageUnit&) { pthread_exit(nullptr); };
+    Request request(PROTOCOL);
+    std::thread([&] { request.SyncHandleMessage(60); }).join();
+    EXPECT_FALSE(IsAnnounced(request));
+    // A callback's message goes as if it had returned.
+    TEMessageUnit unit;
+    sending.onSent = [&](const TEMessageUnit& sent) { unit = sent; };
+    auto* pTold = new Request(PROTOCOL);
+    new AsynCallBack(
+        pTold, [](TEMessage*, void*, void*) -> int { pthread_exit(nullptr); }, nullptr, nullptr);
+    EXPECT_EQ(pTold->HandleMessage(), 0);
+    std::thread([&] { Answer(unit); }).join();
+    EXPECT_EQ(Request::Alive(), 1);
+    EXPECT_EQ(TarnAsyncMessageReceiver::Instance()->GetResponseMessage(unit.ulSerial), nullptr);
+}
+
 TEST_F(Asn1Messages, TheAnswerOfAnAsynchronousOneGoesToItsCallBack)
 {
     static std::vector<std::pair<TEMessage*, int>> s_Called;

@@ -156,6 +156,8 @@ public:
         Sink sink(SinkProtocolInstance());
         const std::string strFrame = Element::Frame(sink.GetMessageSerial(), pQuestion->strQuestion);
         TEAdapterManager* pManager = TEAdapterManager::Instance();
+        const TEMessageUnit source = {pQuestion->GetMessageSerial(),
+                                      SrcProtocolInstance()->GetProtocolAdapterID()};
         pManager->AcquireMsgMapMtx();
         RegisterPrivateMessage(pQuestion, this, nullptr, pQuestion->GetTimeOut());
         RegisterMessage(pQuestion, &sink);
@@ -170,8 +172,13 @@ public:
         if (TEAsyncIOMgr::Instance()->SendToOutBuffer(handle, strFrame.data(),
                                                       static_cast<int>(strFrame.size())) == 0)
             return 0;
-        pManager->UnRegisterSourceMessage(pQuestion);
-        return -1;
+        bool bThere = false; // it may have expired meanwhile, and be gone
+        pManager->AcquireMsgMapMtx();
+        pManager->FindSrcMsgInfo(source, bThere);
+        if (bThere)
+            pManager->UnRegisterSourceMessage(pQuestion);
+        pManager->ReleaseMsgMapMtx();
+        return bThere ? -1 : 0;
     }
 };
 
