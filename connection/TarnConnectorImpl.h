@@ -240,6 +240,8 @@ protected:
     /// registration is taken back before. @return close's result
     int CloseDescriptor(const std::function<int()>& close)
         TARN_EXCLUDES(m_RegistrationMutex, m_DescriptorGuard) TARN_REQUIRES(m_OpenMutex);
+    /// Has the reactor announce that the socket takes bytes, or not.
+    void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
     /// The handle for one non-blocking call; invalid when the calling thread's handler call belongs to an
     /// earlier session. Within the descriptor guard.
     ACE_HANDLE UsableHandle();
@@ -275,7 +277,6 @@ private:
     bool GatherOutput();
     bool TakeNextBlock();
     void DiscardOutput();
-    void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
     void TakeBackRegistration() TARN_REQUIRES(m_RegistrationMutex);
     void DeliverHook(HookEvent eEvent);
 

@@ -1,7 +1,7 @@
 # Debian packages that this project is built, tested and analysed with; sourced by the other scripts.
 
-packages_build="g++ cmake ninja-build pkgconf libace-dev libini-config-dev libspdlog-dev"
-packages_test="libgtest-dev libbenchmark-dev socat"
+packages_build="g++ cmake ninja-build pkgconf libace-dev libini-config-dev libspdlog-dev libssl-dev"
+packages_test="libgtest-dev libbenchmark-dev openssl socat stunnel4"
 packages_analysis="clang"
 
 # Makes sure that the named packages are installed. Installs what is missing as root or through sudo; otherwise prints

@@ -1,0 +1,477 @@
+#include "support/Listener.h"
+#include "tarnadapterframe/tarn_ssl.h"
+#include "tls/TlsServer.h"
+
+#include <ace/INET_Addr.h>
+#include <ace/Time_Value.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Words = std::vector<std::string>;
+
+class Tls : public HostTest
+{
+protected:
+    void SetUp() override { EXPECT_EQ(option.set_authorities(authority.File().c_str(), nullptr), 0); }
+
+    int Connect(std::uint16_t usPort, int iSeconds = 20)
+    {
+        connector.set_ssl_option(option);
+        return Reconnect(usPort, iSeconds);
+    }
+    int Reconnect(std::uint16_t usPort, int iSeconds = 20)
+    {
+        const ACE_Time_Value timeout(iSeconds);
+        return connector.connect(stream, ACE_INET_Addr(usPort, "127.0.0.1"), &timeout);
+    }
+    void SetNonBlocking() const { fcntl(stream.get_handle(), F_SETFL, O_NONBLOCK); }
+
+    /// Receives until there are so many bytes.
+    std::string Receive(std::size_t uBytes) const
+    {
+        std::string strReceived;
+        while (strReceived.size() < uBytes)
+        {
+            char bytes[1024];
+            const ACE_Time_Value timeout(20);
+            const int iReceived =
+                stream.recv(bytes, std::min(sizeof(bytes), uBytes - strReceived.size()), &timeout);
+            if (iReceived <= 0)
+                break;
+            strReceived.append(bytes, static_cast<std::size_t>(iReceived));
+        }
+        return strReceived;
+    }
+
+    bool IsLogged(const std::string& strText) const { return host.CountContaining(1, strText) == 1; }
+    std::string Log() const
+    {
+        std::string strLog;
+        for (const LogLine& line : host.Lines())
+            strLog += line.strModule + ": " + line.strText + "\n";
+        return strLog;
+    }
+
+    const Authority authority{"Test authority"};
+    const Authority stranger{"Another authority"};
+    const Authority::Issued issued = authority.Issue({});
+    TARN_SSL_Option option;
+    TARN_SOCK_Stream stream;
+    TARN_SOCK_Connector connector;
+};
+
+TEST_F(Tls, APeerIsAcceptedForWhatItProvesAndRefusedWithTheReason)
+{
+    struct Case
+    {
+        const char* pszPeerName;
+        Authority::Request request;
+        const char* pszRefused; // null: accepted
+    };
+    const Case cases[] = {
+        {nullptr, {}, nullptr},
+        {"127.0.0.1", {}, nullptr},
+        {"ne7.example", {"?", "DNS:ne7.example"}, nullptr},
+        {"ne7.lab.example", {"?", "DNS:*.lab.example"}, nullptr},
+        {"ne7.example", {"ne7.example", ""}, nullptr},
+        {nullptr,
+         {"expired", "IP:127.0.0.1", -10, -5},
+         "certificate has expired; its certificate \"CN = expired\""},
+        {nullptr,
+         {"early", "IP:127.0.0.1", 5, 10},
+         "certificate is not yet valid; its certificate \"CN = early\""},
+        {nullptr, {"?", "DNS:ne7.example"}, "IP address mismatch, expected 127.0.0.1; its certificate"},
+        {"127.0.0.2", {}, "IP address mismatch, expected 127.0.0.2"},
+        {"ne8.example", {"?", "DNS:ne7.example"}, "hostname mismatch, expected ne8.example"},
+        {"ne8.example", {"?", "DNS:ne7.example"}, "for DNS:ne7.example"},
+    };
+    for (const Case& each : cases)
+    {
+        const TlsServer server(authority.Issue(each.request));
+        EXPECT_EQ(option.set_peer_name(each.pszPeerName), 0);
+        host.ClearLines();
+        const int iResult = Connect(server.Port());
+        const int iError = errno;
+        EXPECT_EQ(iResult, each.pszRefused == nullptr ? 0 : -1) << Log();
+        if (each.pszRefused == nullptr)
+            continue;
+        EXPECT_EQ(iError, EPROTO);
+        EXPECT_TRUE(IsLogged("the peer's certificate is refused: ")) << Log();
+        EXPECT_TRUE(IsLogged(each.pszRefused)) << each.pszRefused << "\n" << Log();
+        EXPECT_EQ(stream.get_handle(), ACE_INVALID_HANDLE);
+    }
+    option = TARN_SSL_Option();
+    EXPECT_EQ(option.set_authorities(stranger.File().c_str(), nullptr), 0);
+    const TlsServer server(issued);
+    EXPECT_EQ(Connect(server.Port()), -1);
+    EXPECT_TRUE(IsLogged("unable to get local issuer certificate")) << Log();
+    option.set_auth_peer(false);
+    EXPECT_EQ(Connect(server.Port()), 0);
+    option.set_auth_peer(true);
+    EXPECT_EQ(option.set_authorities(authority.File().c_str(), nullptr), 0);
+    EXPECT_EQ(option.set_peer_name("another.example"), 0);
+    option.set_check_name(false);
+    EXPECT_EQ(Connect(server.Port()), 0);
+}
+
+TEST_F(Tls, VersionsCiphersAndClientCertificatesMustSuitBothSides)
+{
+    const Authority::Issued own = authority.Issue({"manager", ""});
+    const Authority::Issued foreign = stranger.Issue({"manager", ""});
+    const Words wants = {"-Verify", "2", "-verify_return_error", "-CAfile", authority.File()};
+    struct Case
+    {
+        Words server;
+        const char* pszLeast;
+        const char* pszGreatest;
+        const char* pszCiphers;
+        const Authority::Issued* pOwn;
+        const char* pszRefused; // null: accepted
+    };
+    const auto with = [&](const char* pszVersion) {
+        Words words = wants;
+        words.emplace_back(pszVersion);
+        return words;
+    };
+    const Case cases[] = {
+        {{"-tls1_2"}, "TLSv1.2", nullptr, nullptr, nullptr, nullptr},
+        {{"-tls1_3"}, "TLSv1.2", nullptr, nullptr, nullptr, nullptr},
+        {{"-tls1_3"}, "TLSv1.3", nullptr, "TLS_AES_256_GCM_SHA384", nullptr, nullptr},
+        {{"-tls1_2"}, "TLSv1.3", nullptr, nullptr, nullptr, "the peer refuses, with the alert: "},
+        {{"-tls1_3"}, "TLSv1.2", "TLSv1.2", nullptr, nullptr, "the peer refuses, with the alert: "},
+        {{"-tls1_2", "-cipher", "ECDHE-ECDSA-AES128-GCM-SHA256"},
+         "TLSv1.2",
+         nullptr,
+         "ECDHE-ECDSA-AES256-GCM-SHA384",
+         nullptr,
+         "handshake failure"},
+        {with("-tls1_2"), "TLSv1.2", nullptr, nullptr, &own, nullptr},
+        {with("-tls1_3"), "TLSv1.2", nullptr, nullptr, &own, nullptr},
+        {with("-tls1_2"), "TLSv1.2", nullptr, nullptr, nullptr, "handshake failure"},
+        {with("-tls1_3"), "TLSv1.2", nullptr, nullptr, nullptr, "certificate required"},
+        {with("-tls1_2"), "TLSv1.2", nullptr, nullptr, &foreign, "unknown ca"},
+        {with("-tls1_3"), "TLSv1.2", nullptr, nullptr, &foreign, "unknown ca"},
+    };
+    for (const Case& each : cases)
+    {
+        const TlsServer server(issued, each.server);
+        EXPECT_EQ(option.set_cipherlist(nullptr), 0);
+        EXPECT_EQ(option.set_version(each.pszLeast, each.pszGreatest), 0);
+        EXPECT_EQ(option.set_cipherlist(each.pszCiphers), 0);
+        EXPECT_EQ(option.set_certificate(each.pOwn != nullptr ? each.pOwn->strCertificate.c_str() : nullptr,
+                                         each.pOwn != nullptr ? each.pOwn->strKey.c_str() : nullptr),
+                  0);
+        host.ClearLines();
+        EXPECT_EQ(Connect(server.Port()), each.pszRefused == nullptr ? 0 : -1) << each.server.back() << Log();
+        EXPECT_TRUE(each.pszRefused == nullptr || IsLogged(each.pszRefused)) << each.pszRefused << "\n"
+                                                                             << Log();
+    }
+}
+
+TEST_F(Tls, BadSettingsAreRefusedWhereTheyAreGiven)
+{
+    const Authority::Issued other = authority.Issue({});
+    const Authority::Issued guarded = authority.Issue({"?", "", -1, 1, "secret"});
+    const std::string strEmpty = authority.Folder() + "/empty.pem";
+    std::ofstream(strEmpty) << "no certificate\n";
+    const auto refused = [&](int iResult, const char* pszReason) {
+        EXPECT_EQ(iResult, -1) << pszReason;
+        EXPECT_TRUE(IsLogged(pszReason)) << pszReason << "\n" << Log();
+        host.ClearLines();
+    };
+    refused(option.set_authorities("/nowhere.pem", nullptr), "\"/nowhere.pem\": No such file or directory");
+    refused(option.set_authorities(strEmpty.c_str(), nullptr), "empty.pem\": ");
+    refused(option.set_authorities(nullptr, issued.strKey.c_str()), "it is no directory");
+    refused(option.set_certificate(issued.strCertificate.c_str(), nullptr),
+            "one does not go without the other");
+    refused(option.set_certificate(issued.strCertificate.c_str(), other.strKey.c_str()),
+            "key values mismatch");
+    refused(option.set_certificate(guarded.strCertificate.c_str(), guarded.strKey.c_str()),
+            "it is protected by a pass phrase");
+    refused(option.set_cipherlist("NO-SUCH-CIPHER"), "\"NO-SUCH-CIPHER\": no cipher match");
+    refused(option.set_cipherlist("DEFAULT:TLS_NO_SUCH"), "\"DEFAULT:TLS_NO_SUCH\": ");
+    refused(option.set_version("SSLv3"), "\"SSLv3\"");
+    refused(option.set_version("TLSv1.3", "TLSv1.2"), "refused the versions");
+    refused(option.set_peer_name("no name"), "neither a host name nor an IP address");
+    EXPECT_EQ(option.set_version("TLSv1.2", "TLSv1.2"), 0);
+    refused(option.set_cipherlist("TLS_AES_128_GCM_SHA256"), "none of them is of TLSv1.2");
+    // What was good before still stands.
+    const TlsServer server(issued);
+    EXPECT_EQ(Connect(server.Port()), 0) << Log();
+    EXPECT_STREQ(option.get_cipherlist(), "DEFAULT");
+    EXPECT_STREQ(option.get_version(), "TLSv1.2");
+}
+
+TEST_F(Tls, PeersThatDoNotShakeHandsEndInTimeWithTheReason)
+{
+    const Listener silent;
+    const auto tStart = Clock::now();
+    EXPECT_EQ(Connect(silent.Port(), 1), -1);
+    EXPECT_EQ(errno, ETIME);
+    EXPECT_LT(Clock::now() - tStart, std::chrono::seconds(10));
+    EXPECT_TRUE(IsLogged("failed: no answer in time")) << Log();
+
+    const auto answering = [&](const std::string& strBytes, const char* pszReason) {
+        const Listener listener;
+        std::thread peer([&] {
+            const int iPeer = listener.Accept();
+            char cFirst = 0;
+            EXPECT_EQ(recv(iPeer, &cFirst, 1, 0), 1);
+            send(iPeer, strBytes.data(), strBytes.size(), MSG_NOSIGNAL);
+            shutdown(iPeer, SHUT_WR);
+            while (recv(iPeer, &cFirst, 1, 0) > 0)
+            {}
+            close(iPeer);
+        });
+        EXPECT_EQ(Connect(listener.Port()), -1);
+        EXPECT_EQ(errno, EPROTO);
+        EXPECT_TRUE(IsLogged(pszReason)) << Log();
+        peer.join();
+    };
+    answering("220 welcome to plain text\r\n", "the peer may not speak TLS at all");
+    answering("", "the peer has closed the connection");
+    {
+        // Closing the stream ends the attempt.
+        const Listener listener;
+        std::thread closer([&] {
+            EXPECT_TRUE(WaitUntil([&] { return stream.get_handle() != ACE_INVALID_HANDLE; }));
+            stream.close();
+        });
+        EXPECT_EQ(Connect(listener.Port(), 60), -1);
+        EXPECT_EQ(errno, ECANCELED);
+        closer.join();
+    }
+    const std::uint16_t usNobody = FreePort();
+    EXPECT_EQ(Connect(usNobody), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(connector.connect(stream, ACE_Addr(), nullptr), -1);
+    EXPECT_EQ(errno, EAFNOSUPPORT);
+}
+
+TEST_F(Tls, SessionsAreTakenUpAsTheServerSees)
+{
+    for (const char* pszVersion : {"-tls1_2", "-tls1_3"})
+    {
+        TlsServer server(issued, {pszVersion});
+        std::size_t uSeen = 0;
+        const auto serverSees = [&](bool bReused) {
+            EXPECT_TRUE(server.process.HasWritten("Secure Renegotiation", uSeen));
+            EXPECT_EQ(server.process.Output().find("Reused session-id", uSeen) != std::string::npos, bReused)
+                << pszVersion << server.process.Output().substr(uSeen);
+            server.process.Write("ticket?\n");
+            EXPECT_EQ(Receive(8), "ticket?\n"); // and what the server has sent before
+            uSeen = server.process.Output().size();
+        };
+        option.set_session_reuse(true);
+        option.set_session_timeout(60);
+        EXPECT_EQ(Connect(server.Port()), 0);
+        serverSees(false);
+        for (int i = 0; i < 3; ++i)
+        {
+            EXPECT_EQ(Reconnect(server.Port()), 0);
+            serverSees(true);
+        }
+        EXPECT_EQ(Connect(server.Port()), 0); // what was proved to another option does not count
+        serverSees(false);
+        option.set_session_timeout(0);
+        EXPECT_EQ(Connect(server.Port()), 0);
+        serverSees(false);
+        EXPECT_EQ(Reconnect(server.Port()), 0);
+        serverSees(false);
+        option.set_session_timeout(60);
+        option.set_session_reuse(false);
+        EXPECT_EQ(Connect(server.Port()), 0);
+        serverSees(false);
+        EXPECT_EQ(Reconnect(server.Port()), 0);
+        serverSees(false);
+    }
+}
+
+TEST_F(Tls, NothingWaitsOnANonBlockingHandle)
+{
+    TlsServer server(issued);
+    ASSERT_EQ(Connect(server.Port()), 0);
+    char bytes[1024];
+    const ACE_Time_Value aMoment(0, 100'000);
+    EXPECT_EQ(stream.recv(bytes, sizeof(bytes), &aMoment), -1); // tickets are no data
+    EXPECT_EQ(errno, ETIME);
+    SetNonBlocking();
+    const ACE_Time_Value aDay(86400);
+    EXPECT_EQ(stream.recv(bytes, sizeof(bytes), &aDay), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    // A record that fills the buffer exactly, and one that is as long as records get.
+    for (const std::size_t uLength : {std::size_t{1024}, std::size_t{16384}})
+    {
+        server.process.Write(std::string(uLength, 'x'));
+        std::string strReceived;
+        EXPECT_TRUE(WaitUntil([&] {
+            const int iReceived = stream.recv(bytes, sizeof(bytes), &aDay);
+            strReceived.append(bytes, static_cast<std::size_t>(std::max(iReceived, 0)));
+            return strReceived.size() == uLength;
+        }));
+        EXPECT_EQ(stream.recv(bytes, sizeof(bytes), &aDay), -1);
+        EXPECT_EQ(errno, EWOULDBLOCK);
+        EXPECT_FALSE(stream.has_unread());
+    }
+    // A peer that takes nothing more: all that is not taken is the caller's to send again, with other bytes for all the
+    // stream cares.
+    server.process.Freeze();
+    const std::string strBulk(1 << 20U, 'y');
+    std::size_t uSent = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        const int iSent = stream.send_n(strBulk.data(), strBulk.size(), &aDay);
+        uSent += static_cast<std::size_t>(std::max(iSent, 0));
+        return iSent == 0;
+    }));
+    EXPECT_TRUE(stream.has_unsent());
+    EXPECT_EQ(stream.send_n("z", 1, &aDay), 0);
+    server.process.Thaw();
+    EXPECT_TRUE(WaitUntil([&] { return stream.send_n("z\n", 2, &aDay) == 2 && !stream.has_unsent(); }));
+    std::size_t uTaken = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::string strOutput = server.process.Output();
+        uTaken = static_cast<std::size_t>(std::count(strOutput.begin(), strOutput.end(), 'y'));
+        return strOutput.find("yz\n") != std::string::npos;
+    }));
+    EXPECT_GE(uTaken, uSent);
+    stream.close();
+    EXPECT_EQ(stream.recv(bytes, sizeof(bytes), nullptr), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+    EXPECT_EQ(stream.close(), 0);
+}
+
+TEST_F(Tls, KeysAreChangedAndNegotiatedAnewInMidStream)
+{
+    struct Case
+    {
+        const char* pszVersion;
+        Words orders;
+        const char* pszSeen;
+    };
+    for (const Case& each : {Case{"-tls1_3", {"K\n", "k\n", "K\n"}, "KeyUpdate"},
+                             Case{"-tls1_2", {"r\n", "R\n", "r\n"}, "HelloRequest"}})
+    {
+        const TlsServer server(issued, {each.pszVersion, "-msg"});
+        ASSERT_EQ(Connect(server.Port()), 0);
+        SetNonBlocking();
+        std::string strReceived;
+        const auto receiveUntil = [&](const std::function<bool()>& condition) {
+            return WaitUntil([&] {
+                char bytes[100];
+                const int iReceived = stream.recv(bytes, sizeof(bytes));
+                strReceived.append(bytes, static_cast<std::size_t>(std::max(iReceived, 0)));
+                return condition();
+            });
+        };
+        for (std::size_t uOrder = 0; uOrder < each.orders.size(); ++uOrder)
+        {
+            const std::size_t uFrom = server.process.Output().size();
+            server.process.Write(each.orders[uOrder]);
+            EXPECT_TRUE(receiveUntil(
+                [&] { return server.process.Output().find(each.pszSeen, uFrom) != std::string::npos; }));
+            const std::string strText = "exchange " + std::to_string(uOrder) + "\n";
+            server.process.Write(strText);
+            std::size_t uSent = 0;
+            EXPECT_TRUE(receiveUntil([&] {
+                const int iSent = stream.send_n(strText.data() + uSent, strText.size() - uSent);
+                uSent += static_cast<std::size_t>(std::max(iSent, 0));
+                return uSent == strText.size() && strReceived.find(strText) != std::string::npos;
+            })) << each.pszVersion
+                << Log();
+            EXPECT_TRUE(server.process.HasWritten(strText));
+        }
+        EXPECT_EQ(host.CountContaining(1, "broken"), 0) << Log();
+    }
+}
+
+TEST_F(Tls, TheEndOfThePeerIsTheEndOfTheStream)
+{
+    TlsServer server(issued, {"-naccept", "2"});
+    ASSERT_EQ(Connect(server.Port()), 0);
+    server.process.Write("last\n");
+    EXPECT_EQ(Receive(5), "last\n");
+    server.process.Write("q\n"); // with notice
+    char cFirst = 0;
+    EXPECT_EQ(stream.recv(&cFirst, 1), 0);
+    EXPECT_EQ(stream.recv(&cFirst, 1), 0);
+    EXPECT_TRUE(stream.has_unread());
+    auto pKilled = std::make_unique<TlsServer>(issued);
+    ASSERT_EQ(Connect(pKilled->Port()), 0);
+    pKilled.reset(); // without
+    EXPECT_LE(stream.recv(&cFirst, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] { return stream.send_n("gone?", 5) == -1; })); // and no signal
+}
+
+TEST_F(Tls, WithoutTlsItIsPlainTcp)
+{
+    option.set_ssl(false);
+    const Listener listener;
+    ASSERT_EQ(Connect(listener.Port()), 0);
+    const int iPeer = listener.Accept();
+    EXPECT_EQ(send(iPeer, "plain", 5, 0), 5);
+    EXPECT_EQ(Receive(5), "plain");
+    std::size_t uSent = 0;
+    EXPECT_EQ(stream.send_n("text", 4, nullptr, &uSent), 4);
+    EXPECT_EQ(uSent, 4U);
+    char bytes[4];
+    EXPECT_EQ(recv(iPeer, bytes, 4, MSG_WAITALL), 4);
+    const ACE_Time_Value aMoment(0, 10'000);
+    EXPECT_EQ(stream.recv(bytes, 4, &aMoment), -1);
+    EXPECT_EQ(errno, ETIME);
+    EXPECT_FALSE(stream.has_unread());
+    close(iPeer);
+    EXPECT_EQ(stream.recv(bytes, 4), 0);
+}
+
+TEST_F(Tls, ClosingEndsWhateverIsUnderWay)
+{
+    const TlsServer server(issued);
+    connector.set_ssl_option(option);
+    for (int i = 0; i < StressRounds(100); ++i)
+    {
+        std::atomic<int> nUsing{4};
+        std::atomic<bool> bEnd{false};
+        const auto use = [&](const std::function<void()>& fn) {
+            return std::thread([&nUsing, &bEnd, fn] {
+                while (!bEnd)
+                    fn();
+                --nUsing;
+            });
+        };
+        const auto close = [&] {
+            return std::thread([&] {
+                while (nUsing > 0)
+                    stream.close();
+            });
+        };
+        std::thread threads[] = {
+            use([&] { Reconnect(server.Port()); }),
+            use([&] {
+                char bytes[100];
+                stream.recv(bytes, sizeof(bytes));
+            }),
+            use([&] { stream.send_n("some text\n", 10); }),
+            use([&] { static_cast<void>(stream.has_unread() || stream.has_unsent()); }),
+            close(),
+            close(),
+        };
+        std::this_thread::sleep_for(std::chrono::milliseconds(i % 10));
+        bEnd = true;
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    ASSERT_EQ(Reconnect(server.Port()), 0) << Log();
+}
+
+} // namespace
