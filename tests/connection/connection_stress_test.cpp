@@ -2,6 +2,7 @@
 #include "connection/TarnConnectorMgrImpl.h"
 #include "support/ConnectionTest.h"
 #include "support/Threads.h"
+#include "support/Tunnel.h"
 
 #include <algorithm>
 #include <array>
@@ -18,11 +19,21 @@ using Clock = std::chrono::steady_clock;
 constexpr std::uint32_t FIRST_PROTOCOL = 1000;
 
 /// Connections with a protocol adapter each: whatever an adapter frames was received by its connection, and
-/// says for which it was meant.
-class ConnectionStress : public ConnectionTest
+/// says for which it was meant. Over TCP, or over TLS through a tunnel in front of the same elements.
+class ConnectionStress : public ConnectionTest, public ::testing::WithParamInterface<ECommuProtocolType>
 {
 protected:
     static constexpr int MAX_CONNECTIONS = 300;
+
+    void SetUp() override
+    {
+        ConnectionTest::SetUp();
+        if (GetParam() == TCP_TYPE)
+            return;
+        EXPECT_EQ(m_Option.set_authorities(m_Authority.File().c_str(), nullptr), 0);
+        m_pTunnel = std::make_unique<Tunnel>(
+            m_Authority, std::vector<std::uint16_t>{element.Port(), deafElement.Port(), floodElement.Port()});
+    }
 
     void StartWith(int nConnections)
     {
@@ -45,11 +56,19 @@ protected:
 
     std::unique_ptr<TestConnector> Make(int i)
     {
-        auto pConnector = MakeConnector(static_cast<unsigned long>(i));
+        auto pConnector = std::make_unique<TestConnector>(static_cast<unsigned long>(i), 0, GetParam());
+        Reach(*pConnector, element);
         pConnector->SetAdapterProtocolID(FIRST_PROTOCOL + static_cast<unsigned long>(i));
         TestConnector* const pSelf = pConnector.get();
         pConnector->onOpened = [pSelf] { Ask(*pSelf); };
         return pConnector;
+    }
+
+    void Reach(TestConnector& connector, const Element& target) const
+    {
+        EXPECT_EQ(GetParam() == TCP_TYPE ? connector.Reach(target.Port())
+                                         : connector.Reach(m_pTunnel->PortTo(target.Port()), m_Option),
+                  0);
     }
 
     /// Through the connection itself: another thread may close it meanwhile, and its number be somebody else's then.
@@ -62,14 +81,26 @@ protected:
     int Answered(int i) const { return m_Answered[static_cast<std::size_t>(i)]; }
 
     std::atomic<int> nAstray{0};
+    Element deafElement;
+    Element floodElement;
 
 private:
+    const Authority m_Authority{"Test authority"};
+    TARN_SSL_Option m_Option;
+    std::unique_ptr<Tunnel> m_pTunnel;
     std::array<std::atomic<int>, MAX_CONNECTIONS> m_Answered{};
 };
 
-TEST_F(ConnectionStress, AllConnectionsDroppedAtOnceComeBackEachRound)
+std::string TransportName(const ::testing::TestParamInfo<ECommuProtocolType>& info)
 {
-    const int nConnections = MAX_CONNECTIONS;
+    return info.param == TCP_TYPE ? "Tcp" : "Tls";
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, ConnectionStress, ::testing::Values(TCP_TYPE, TCP_SSL_TYPE), &TransportName);
+
+TEST_P(ConnectionStress, AllConnectionsDroppedAtOnceComeBackEachRound)
+{
+    const int nConnections = GetParam() == TCP_TYPE ? MAX_CONNECTIONS : 100;
     const int nRounds = StressRounds(3);
     StartWith(nConnections);
     std::vector<std::unique_ptr<TestConnector>> connectors;
@@ -258,17 +289,20 @@ private:
 constexpr int TURMOIL_SLOTS = 20;
 constexpr int TURMOIL_THREADS = 6;
 
-class ConnectionTurmoil : public ConnectionStress, public ::testing::WithParamInterface<bool>
-{};
+class ConnectionTurmoil : public ConnectionStress
+{
+protected:
+    void Rage(bool bPastManager);
+};
 
-INSTANTIATE_TEST_SUITE_P(PastTheManager, ConnectionTurmoil, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Over, ConnectionTurmoil, ::testing::Values(TCP_TYPE, TCP_SSL_TYPE), &TransportName);
 
-TEST_P(ConnectionTurmoil, EverythingAtOnceOnTheSameConnections)
+void ConnectionTurmoil::Rage(bool bPastManager)
 {
     StartWith(TURMOIL_SLOTS);
     const auto tEnd = Clock::now() + std::chrono::seconds(StressRounds(2));
     {
-        Turmoil turmoil(TURMOIL_SLOTS, TURMOIL_THREADS, element, GetParam(),
+        Turmoil turmoil(TURMOIL_SLOTS, TURMOIL_THREADS, element, bPastManager,
                         [this](int i) { return Make(i); });
         EXPECT_TRUE(WaitUntil([&] { return Clock::now() > tEnd; }, std::chrono::hours(1)));
         turmoil.End();
@@ -295,7 +329,17 @@ TEST_P(ConnectionTurmoil, EverythingAtOnceOnTheSameConnections)
     EXPECT_EQ(host.CountContaining(1, "Register handle err"), 0);
 }
 
-TEST_F(ConnectionStress, FiniAtAnyMomentLeavesNothing)
+TEST_P(ConnectionTurmoil, EverythingAtOnceOnTheSameConnections)
+{
+    Rage(false);
+}
+
+TEST_P(ConnectionTurmoil, EverythingAtOnceAndPastTheManager)
+{
+    Rage(true);
+}
+
+TEST_P(ConnectionStress, FiniAtAnyMomentLeavesNothing)
 {
     std::minstd_rand random(7);
     const std::set<int> threads = Threads();
@@ -332,27 +376,29 @@ TEST_F(ConnectionStress, FiniAtAnyMomentLeavesNothing)
     }
 }
 
-/// One element floods with reports, four take in nothing, and the quiet ones are still served.
-TEST_F(ConnectionStress, QuietElementsAreServedBesideAFloodAndBesideDeafOnes)
+/// Some elements flood with reports (over TLS also one over TCP), four take in nothing, and the quiet ones are still
+/// served.
+TEST_P(ConnectionStress, QuietElementsAreServedBesideAFloodAndBesideDeafOnes)
 {
     constexpr int DEAF = 4;
     constexpr int QUIET = 50;
     constexpr int FLOODED = DEAF + QUIET;
-    Element deafElement;
-    Element floodElement;
+    const int nConnections = FLOODED + (GetParam() == TCP_TYPE ? 1 : 5);
     Element::Behaviour behaviour;
     behaviour.bRead = false;
     deafElement.Behave(behaviour);
     behaviour.bRead = true;
     behaviour.bFlood = true;
     floodElement.Behave(behaviour);
-    StartWith(FLOODED + 1);
+    StartWith(nConnections);
     std::vector<std::unique_ptr<TestConnector>> connectors;
-    for (int i = 0; i <= FLOODED; ++i)
+    for (int i = 0; i < nConnections; ++i)
     {
         connectors.push_back(Make(i));
-        if (i < DEAF || i == FLOODED)
-            connectors.back()->Reach(i == FLOODED ? floodElement.Port() : deafElement.Port());
+        if (i < DEAF || i >= FLOODED)
+            Reach(*connectors.back(), i < DEAF ? deafElement : floodElement);
+        if (i == FLOODED + 4)
+            connectors.back()->Renew(static_cast<unsigned long>(i), floodElement.Port());
         ASSERT_EQ(connectors.back()->Register(), 0);
     }
     for (const auto& pConnector : connectors)

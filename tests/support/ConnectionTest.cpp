@@ -35,6 +35,13 @@ int TestConnector::Reach(std::uint16_t usPort)
     return InitCommuPara(parameters);
 }
 
+int TestConnector::Reach(std::uint16_t usPort, TARN_SSL_Option option)
+{
+    std::uint32_t ulIP = LOOPBACK;
+    std::vector<void*> parameters = {&ulIP, &usPort, &option};
+    return InitCommuPara(parameters);
+}
+
 int TestConnector::Register(bool bWait, int nAttempts)
 {
     return TarnConnectorMgr::Instance()->RegisterConnector(this, bWait, nAttempts);

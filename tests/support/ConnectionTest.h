@@ -4,6 +4,7 @@
 #include "support/Element.h"
 #include "support/FrameAdapter.h"
 #include "support/TestHost.h"
+#include "tarnadapterframe/tarn_ssl.h"
 
 #include <atomic>
 #include <functional>
@@ -19,6 +20,7 @@ public:
                            ECommuProtocolType eType = TCP_TYPE);
 
     int Reach(std::uint16_t usPort);                            ///< gives the transport its address
+    int Reach(std::uint16_t usPort, TARN_SSL_Option option);    ///< the same for one over TLS
     void Renew(unsigned long ulTargetID, std::uint16_t usPort); ///< takes another transport, as the first was
     ACE_HANDLE Handle() { return static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(GetHandle())); }
     TarnConnectorImpl* Impl() { return static_cast<TarnConnectorImpl*>(GetTarnConnectorImpl()); }
