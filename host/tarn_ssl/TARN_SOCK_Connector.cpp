@@ -67,7 +67,7 @@ TARN_SOCK_Connector::State::Plan TARN_SOCK_Connector::State::PlanFor(const std::
     if (!option.bSsl)
         return {option, nullptr};
     if (option.pContext == nullptr)
-        option.pContext = MakeTlsContext(option.settings);
+        option.pContext = DefaultTlsContext(); // whatever was set has made one
     if (!option.bSessionReuse)
         pSessions.reset();
     else if (pSessions == nullptr || pSessions->Peer() != strPeer)

@@ -5,7 +5,8 @@
 
 TlsConnection::Deadline DeadlineAfter(const ACE_Time_Value* pTimeout)
 {
-    if (pTimeout == nullptr)
+    constexpr time_t LONG = 100'000'000; // seconds, three years: as good as no limit, and no overflow
+    if (pTimeout == nullptr || pTimeout->sec() > LONG)
         return {};
     return TlsConnection::Clock::now() + std::chrono::seconds(pTimeout->sec()) +
            std::chrono::microseconds(pTimeout->usec());

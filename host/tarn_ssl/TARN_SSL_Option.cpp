@@ -14,11 +14,14 @@ const char* OrEmpty(const char* pszText)
     return pszText != nullptr ? pszText : "";
 }
 
-/// Letters, digits, hyphens and dots, see RFC 1123 (2.1); underscores are in use as well.
+/// Letters, digits, hyphens and dots, see RFC 1123 (2.1); underscores are in use as well. The last part is no number, or
+/// it would be an IP address that is none.
 bool IsHostName(const std::string& strName)
 {
     constexpr std::size_t MAX_LENGTH = 253;
-    return strName.size() <= MAX_LENGTH && strName.front() != '.' && strName.front() != '-' &&
+    const std::size_t uLastPart = strName.rfind('.') + 1;
+    return strName.find_first_not_of("0123456789", uLastPart) != std::string::npos &&
+           strName.size() <= MAX_LENGTH && strName.front() != '.' && strName.front() != '-' &&
            std::all_of(strName.begin(), strName.end(), [](unsigned char c) {
                return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_';
            });

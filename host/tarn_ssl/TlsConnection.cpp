@@ -18,6 +18,7 @@
 #include <functional>
 #include <limits>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -27,6 +28,10 @@ constexpr std::size_t RECORD_BYTES = 16384;
 // What may wait for the socket: a record and some answers of OpenSSL's own. A peer that asks for more of those and takes
 // none of them is broken.
 constexpr std::size_t MAX_UNSENT_BYTES = 65536;
+
+// What one step reads at most. OpenSSL itself goes on for as long as there is something that is no data, such as key
+// updates or requests to begin anew, and a peer may send those without end.
+constexpr std::size_t MAX_STEP_BYTES = 65536;
 
 bool IsWouldBlock(int iError)
 {
@@ -115,10 +120,16 @@ int TlsConnection::OnRead(BIO* pBio, char* pData, std::size_t uLength, std::size
     auto& connection = *static_cast<TlsConnection*>(BIO_get_data(pBio));
     BIO_clear_retry_flags(pBio);
     *puRead = 0;
-    const int iReceived = connection.ReceivePlain(pData, uLength);
+    if (connection.m_uMayRead == 0)
+    {
+        BIO_set_retry_read(pBio); // the socket is still readable, so it goes on soon
+        return 0;
+    }
+    const int iReceived = connection.ReceivePlain(pData, std::min(uLength, connection.m_uMayRead));
     if (iReceived > 0)
     {
         *puRead = static_cast<std::size_t>(iReceived);
+        connection.m_uMayRead -= *puRead;
         return 1;
     }
     if (iReceived == 0)
@@ -135,6 +146,14 @@ long TlsConnection::OnControl(BIO* pBio, int iCommand, long /*lArgument*/, void*
     if (iCommand == BIO_CTRL_EOF)
         return static_cast<TlsConnection*>(BIO_get_data(pBio))->m_bPeerHasClosed ? 1 : 0;
     return iCommand == BIO_CTRL_FLUSH ? 1 : 0;
+}
+
+/// Before OpenSSL is called.
+void TlsConnection::BeginStep()
+{
+    ERR_clear_error();
+    m_iSocketError = 0;
+    m_uMayRead = MAX_STEP_BYTES;
 }
 
 /// Hands the socket what it has not taken yet. @return true when nothing is left
@@ -296,7 +315,13 @@ int TlsConnection::StartTls(SSL_CTX& context, const PeerCheck& check, std::share
         }
     }
     if (RunHandshake(deadline, [this] { return StepHandshake(); }) != 0)
+    {
+        const int iError = errno;
+        if (m_pSessions != nullptr)
+            m_pSessions->Forget(); // it may have been the session that the peer did not like
+        errno = iError;
         return -1;
+    }
     {
         const std::lock_guard<std::mutex> guard(m_Mutex);
         if (check.bCertificate && SSL_get0_peer_certificate(m_pSsl.get()) == nullptr)
@@ -325,6 +350,7 @@ int TlsConnection::RunHandshake(const Deadline& deadline, Step step)
     for (;;)
     {
         bool bOutput = false;
+        bool bLate = false;
         {
             const std::lock_guard<std::mutex> guard(m_Mutex);
             if (m_bClosed)
@@ -335,9 +361,11 @@ int TlsConnection::RunHandshake(const Deadline& deadline, Step step)
             const int iStep = step();
             if (iStep <= 0)
                 return iStep;
+            // Also when the socket is never silent.
+            bLate = deadline.has_value() && Clock::now() >= *deadline;
             bOutput = m_uUnsentAt < m_strUnsent.size();
         }
-        if (WaitUntilReady(deadline, true))
+        if (!bLate && WaitUntilReady(deadline, true))
             continue;
         const std::lock_guard<std::mutex> guard(m_Mutex);
         if (!SSL_is_init_finished(m_pSsl.get()))
@@ -352,8 +380,7 @@ int TlsConnection::RunHandshake(const Deadline& deadline, Step step)
 /// @return 0 done, 1 to be gone on with when the socket is ready, -1 failed
 int TlsConnection::StepHandshake()
 {
-    ERR_clear_error();
-    m_iSocketError = 0;
+    BeginStep();
     const int iResult = SSL_do_handshake(m_pSsl.get());
     if (iResult == 1)
         return 0;
@@ -368,8 +395,7 @@ int TlsConnection::StepHandshake()
 /// Looks for what the peer says of this side's certificate: a ticket or data means yes, an alert no.
 int TlsConnection::StepVerdict()
 {
-    ERR_clear_error();
-    m_iSocketError = 0;
+    BeginStep();
     char cFirst = 0;
     const int iResult = SSL_peek(m_pSsl.get(), &cFirst, 1);
     SendUnsent();
@@ -408,7 +434,7 @@ std::string TlsConnection::HandshakeReason()
         return m_bPeerHasClosed ? "the peer has closed the connection" : "unknown reason";
     if (ulError == 0)
         return std::generic_category().message(m_iSocketError);
-    const int iReason = ERR_GET_REASON(ulError);
+    const int iReason = ERR_GET_LIB(ulError) == ERR_LIB_SSL ? ERR_GET_REASON(ulError) : 0;
     const std::string strReason = TakeOpenSslReason();
     if (iReason >= SSL_AD_REASON_OFFSET)
         return "the peer refuses, with the alert: " + strReason;
@@ -431,6 +457,11 @@ std::string TlsConnection::Describe() const
 int TlsConnection::Receive(char* pData, std::size_t uLength, const Deadline& deadline)
 {
     uLength = std::min<std::size_t>(uLength, std::numeric_limits<int>::max());
+    if (uLength == 0)
+    {
+        errno = EINVAL;
+        return -1;
+    }
     for (;;)
     {
         {
@@ -472,16 +503,20 @@ int TlsConnection::ReceivePlain(char* pData, std::size_t uLength)
     do
         iReceived = recv(m_iSocket, pData, uLength, MSG_DONTWAIT);
     while (iReceived < 0 && errno == EINTR);
+    if (iReceived == 0)
+        errno = 0;
     return static_cast<int>(iReceived);
 }
 
 int TlsConnection::ReceiveTls(char* pData, std::size_t uLength)
 {
+    BeginStep();
     std::size_t uReceived = 0;
-    while (uReceived < uLength && !m_bEnded)
+    // What is left of a record is taken by itself: with a next one behind it there would be a rest again and again, which
+    // no descriptor announces, and a peer that never pauses would have the calling thread for ever.
+    const bool bRest = SSL_pending(m_pSsl.get()) > 0;
+    while (uReceived < uLength && !m_bEnded && !(bRest && uReceived > 0 && SSL_pending(m_pSsl.get()) == 0))
     {
-        ERR_clear_error();
-        m_iSocketError = 0;
         std::size_t uNow = 0;
         const int iResult = SSL_read_ex(m_pSsl.get(), pData + uReceived, uLength - uReceived, &uNow);
         uReceived += uNow;
@@ -493,12 +528,18 @@ int TlsConnection::ReceiveTls(char* pData, std::size_t uLength)
         NoteEnd(iError);
     }
     SendUnsent(); // what OpenSSL has answered
-    if (m_bSendAwaitsInput && SSL_is_init_finished(m_pSsl.get()))
-        m_bSendAwaitsInput = false;
+    m_bSendAwaitsInput = m_bSendAwaitsInput && IsNegotiating();
     if (uReceived > 0)
         return static_cast<int>(uReceived);
     errno = m_bEnded ? m_iEndError : EWOULDBLOCK;
     return m_bEnded && m_iEndError == 0 ? 0 : -1;
+}
+
+/// While a handshake is under way that the peer has asked for in mid-stream (TLS 1.2), only receiving may go on: the peer
+/// may still be sending data, which OpenSSL takes from nobody else.
+bool TlsConnection::IsNegotiating() const
+{
+    return SSL_is_init_finished(m_pSsl.get()) == 0 || SSL_renegotiate_pending(m_pSsl.get()) != 0;
 }
 
 /// Notes that nothing more can come.
@@ -529,6 +570,7 @@ int TlsConnection::Send(const char* pData, std::size_t uLength, const Deadline& 
 {
     uLength = std::min<std::size_t>(uLength, std::numeric_limits<int>::max());
     uSent = 0;
+    const bool bNonBlocking = IsNonBlocking();
     for (;;)
     {
         bool bForInput = false;
@@ -540,25 +582,44 @@ int TlsConnection::Send(const char* pData, std::size_t uLength, const Deadline& 
             m_iSocketError = m_iEndError;
             uSent += m_iEndError != 0 ? 0 : SendNow(pData + uSent, uLength - uSent);
             const int iFailed = m_iSocketError != 0 ? m_iSocketError : m_iEndError;
-            const bool bFailed = iFailed != 0;
-            if (bFailed && uSent == 0)
+            if (iFailed != 0 && (uSent == 0 || !bNonBlocking))
             {
                 errno = iFailed;
                 return -1;
             }
-            if (bFailed || (uSent == uLength && m_strUnsent.empty()))
+            if (bNonBlocking || (uSent == uLength && m_strUnsent.empty()))
                 break;
             bForInput = m_bSendAwaitsInput;
         }
-        if (IsNonBlocking())
-            break;
-        if (!WaitUntilReady(deadline, bForInput))
+        if (bForInput && !Negotiate())
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        else if (WaitUntilReady(deadline, bForInput))
+            continue;
+        if (deadline.has_value() && Clock::now() >= *deadline)
         {
             errno = ETIME;
             return -1;
         }
     }
     return static_cast<int>(uSent);
+}
+
+/// Goes on with a handshake in mid-stream for a sender that waits, since nobody may be receiving meanwhile.
+/// @return false when data is in the way, which somebody has to receive first
+bool TlsConnection::Negotiate()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    if (m_bClosed || m_bEnded)
+        return true;
+    BeginStep();
+    char cFirst = 0;
+    const int iResult = SSL_peek(m_pSsl.get(), &cFirst, 1);
+    const int iError = SSL_get_error(m_pSsl.get(), iResult);
+    if (iResult != 1 && iError != SSL_ERROR_WANT_READ)
+        NoteEnd(iError);
+    SendUnsent();
+    m_bSendAwaitsInput = IsNegotiating();
+    return iResult != 1 || !m_bSendAwaitsInput;
 }
 
 /// Sends as much as the socket takes. @return bytes taken; a failure is left in m_iSocketError, or ends the connection
@@ -575,7 +636,10 @@ std::size_t TlsConnection::SendNow(const char* pData, std::size_t uLength)
             uSent += static_cast<std::size_t>(iSent);
             continue;
         }
-        ERR_clear_error();
+        m_bSendAwaitsInput = IsNegotiating();
+        if (m_bSendAwaitsInput)
+            break;
+        BeginStep();
         std::size_t uNow = 0;
         const int iResult =
             SSL_write_ex(m_pSsl.get(), pData + uSent, std::min(uLength - uSent, RECORD_BYTES), &uNow);

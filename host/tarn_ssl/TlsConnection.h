@@ -24,7 +24,8 @@ struct PeerCheck
 /// One open socket and, with TLS, what OpenSSL keeps for it. Owned by its stream and by whoever is inside an operation:
 /// the socket's number is not given away before the last of them has left.
 ///
-/// One mutex guards all of OpenSSL's state, and is never held while waiting. The socket is never waited for inside
+/// One mutex guards all of OpenSSL's state, and is never held while waiting; what one step takes from the socket under it
+/// is bounded, whatever the peer sends. The socket is never waited for inside
 /// OpenSSL, whatever its mode. What OpenSSL wants to send and the socket does not take is kept here, so that a record is
 /// never cut half-way, receiving never waits for room to send, and sending may be tried again with other bytes.
 class TlsConnection
@@ -84,6 +85,8 @@ private:
     int ReceiveTls(char* pData, std::size_t uLength);
     int ReceivePlain(char* pData, std::size_t uLength);
     std::size_t SendNow(const char* pData, std::size_t uLength);
+    bool IsNegotiating() const;
+    void BeginStep();
     bool SendUnsent();
     ssize_t SendToSocket(const char* pData, std::size_t uLength);
     void NoteEnd(int iSslError);
@@ -95,6 +98,7 @@ private:
     // Without it.
     template <class Step>
     int RunHandshake(const Deadline& deadline, Step step);
+    bool Negotiate();
     bool WaitUntilReady(const Deadline& deadline, bool bForInput);
     bool IsNonBlocking() const;
 
@@ -111,7 +115,8 @@ private:
     std::string m_strUnsent;                  // what the socket has not taken
     std::size_t m_uUnsentAt = 0;              // how much of it has been sent
     bool m_bPeerHasClosed = false;            // the socket has delivered its end
-    int m_iSocketError = 0;                   // of the last call on the socket that failed
+    int m_iSocketError = 0;                   // of a call on the socket in this step
+    std::size_t m_uMayRead = 0;               // bytes, in this step
     bool m_bEnded = false;                    // nothing is received any more
     int m_iEndError = 0;                      // why; 0: closed by the peer
     bool m_bCertificateAsked = false;         // by the peer, for this side's

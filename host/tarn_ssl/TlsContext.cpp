@@ -44,15 +44,22 @@ bool SetCiphers(SSL_CTX* pContext, const std::string& strCiphers)
     const auto refuse = [&](const std::string& strReason) {
         return Refuse("refused the cipher list \"" + strCiphers + "\": " + strReason);
     };
+    constexpr const char* SEPARATORS = ":,; ";
     std::string strOld;
     std::string strNew;
-    for (std::size_t uStart = 0; uStart <= strCiphers.size();)
+    for (std::size_t uStart = 0;
+         (uStart = strCiphers.find_first_not_of(SEPARATORS, uStart)) != std::string::npos;)
     {
-        const std::size_t uEnd = std::min(strCiphers.find(':', uStart), strCiphers.size());
+        const std::size_t uEnd = std::min(strCiphers.find_first_of(SEPARATORS, uStart), strCiphers.size());
         const std::string strName = strCiphers.substr(uStart, uEnd - uStart);
-        std::string& strList = strName.compare(0, 4, "TLS_") == 0 ? strNew : strOld;
+        uStart = uEnd;
+        const std::size_t uTls = strName.find("TLS_");
+        if (uTls == 1)
+            return refuse("\"" + strName + "\": ciphers of TLS 1.3 can only be named");
+        if (uTls == 0 && strName.find("_WITH_") != std::string::npos)
+            return refuse("\"" + strName + "\" is one of TLS 1.2, which go by OpenSSL's names");
+        std::string& strList = uTls == 0 ? strNew : strOld;
         strList += (strList.empty() ? "" : ":") + strName;
-        uStart = uEnd + 1;
     }
     if (!strNew.empty() && SSL_CTX_set_ciphersuites(pContext, strNew.c_str()) != 1)
         return refuse(TakeOpenSslReason());
@@ -71,6 +78,8 @@ bool LoadAuthorities(SSL_CTX* pContext, const TlsSettings& settings)
     if (strFile.empty() && strDirectory.empty())
         return SSL_CTX_set_default_verify_paths(pContext) == 1 ||
                Refuse("the system's authorities cannot be used: " + TakeOpenSslReason());
+    // Whatever is named is trusted, also an authority that another one has certified.
+    X509_STORE_set_flags(SSL_CTX_get_cert_store(pContext), X509_V_FLAG_PARTIAL_CHAIN);
     if (!strFile.empty() && SSL_CTX_load_verify_file(pContext, strFile.c_str()) != 1)
         return Refuse("refused the authorities \"" + strFile + "\": " + TakeOpenSslReason());
     struct stat status = {};
@@ -84,12 +93,12 @@ bool LoadCertificate(SSL_CTX* pContext, const TlsSettings& settings)
 {
     if (settings.strCertificateFile.empty())
         return true;
-    if (SSL_CTX_use_certificate_chain_file(pContext, settings.strCertificateFile.c_str()) != 1)
-        return Refuse("refused the certificate \"" + settings.strCertificateFile +
-                      "\": " + TakeOpenSslReason());
     bool bProtected = false;
     SSL_CTX_set_default_passwd_cb(pContext, &NotePassPhraseAsked);
     SSL_CTX_set_default_passwd_cb_userdata(pContext, &bProtected);
+    if (SSL_CTX_use_certificate_chain_file(pContext, settings.strCertificateFile.c_str()) != 1)
+        return Refuse("refused the certificate \"" + settings.strCertificateFile +
+                      "\": " + TakeOpenSslReason());
     const bool bLoaded =
         SSL_CTX_use_PrivateKey_file(pContext, settings.strKeyFile.c_str(), SSL_FILETYPE_PEM) == 1;
     SSL_CTX_set_default_passwd_cb_userdata(pContext, nullptr);
@@ -144,5 +153,19 @@ TlsContext MakeTlsContext(const TlsSettings& settings)
     if (!SetVersions(pContext.get(), settings) || !SetCiphers(pContext.get(), settings.strCiphers) ||
         !LoadAuthorities(pContext.get(), settings) || !LoadCertificate(pContext.get(), settings))
         return nullptr;
+    return pContext;
+}
+
+TlsContext DefaultTlsContext()
+{
+    static std::mutex s_Mutex;
+    static std::weak_ptr<SSL_CTX> s_pContext; // guarded by s_Mutex
+    const std::lock_guard<std::mutex> guard(s_Mutex);
+    TlsContext pContext = s_pContext.lock();
+    if (pContext == nullptr)
+    {
+        pContext = MakeTlsContext({});
+        s_pContext = pContext;
+    }
     return pContext;
 }

@@ -30,6 +30,9 @@ using TlsContext = std::shared_ptr<SSL_CTX>;
 /// Reads the files and makes a context. Null, with a line in the log that says why, when something of it is not good.
 TlsContext MakeTlsContext(const TlsSettings& settings);
 
+/// The context of new options; made once and shared as long as somebody uses it.
+TlsContext DefaultTlsContext();
+
 /// The number of a version as it is named in options, see SSL_CTX_set_min_proto_version(3); 0 for an empty text, -1 for
 /// an unknown one.
 int TlsVersionNumber(const std::string& strVersion);

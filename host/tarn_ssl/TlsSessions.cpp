@@ -39,15 +39,22 @@ int TlsSessions::Keep(SSL* pSsl, SSL_SESSION* pSession)
     Session pOld(pSession);
     const std::lock_guard<std::mutex> guard(pSessions->m_Mutex);
     pSessions->m_pSession.swap(pOld);
-    pSessions->m_tKept = std::chrono::steady_clock::now();
+    if (SSL_session_reused(pSsl) == 0)
+        pSessions->m_tVerified = std::chrono::steady_clock::now();
     return 1;
+}
+
+void TlsSessions::Forget()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    m_pSession.reset();
 }
 
 /// The session to be offered. Those of TLS 1.3 are offered once, as RFC 8446 (C.4) advises: the peer hands out new ones.
 TlsSessions::Session TlsSessions::Take()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    if (std::chrono::steady_clock::now() - m_tKept >= m_Lifetime)
+    if (std::chrono::steady_clock::now() - m_tVerified >= m_Lifetime)
         m_pSession.reset();
     if (m_pSession == nullptr || SSL_SESSION_get_protocol_version(m_pSession.get()) >= TLS1_3_VERSION)
         return std::move(m_pSession);

@@ -20,6 +20,7 @@ public:
     static void Watch(SSL_CTX* pContext);
     /// Has a connection's sessions kept here, and offers it the one there is. Must live as long as the connection.
     void Attach(SSL* pSsl);
+    void Forget();
 
     const std::string& Peer() const { return m_strPeer; }
 
@@ -35,9 +36,9 @@ private:
 
     const std::string m_strPeer;
     const std::chrono::seconds m_Lifetime;
-    std::mutex m_Mutex;                            // a leaf
-    Session m_pSession;                            // guarded by m_Mutex
-    std::chrono::steady_clock::time_point m_tKept; // guarded by m_Mutex
+    std::mutex m_Mutex;                                // a leaf
+    Session m_pSession;                                // guarded by m_Mutex
+    std::chrono::steady_clock::time_point m_tVerified; // guarded by m_Mutex: the peer proved who it is
 };
 
 #endif

@@ -203,7 +203,11 @@ TEST_F(Tls, BadSettingsAreRefusedWhereTheyAreGiven)
     refused(option.set_cipherlist("DEFAULT:TLS_NO_SUCH"), "\"DEFAULT:TLS_NO_SUCH\": ");
     refused(option.set_version("SSLv3"), "\"SSLv3\"");
     refused(option.set_version("TLSv1.3", "TLSv1.2"), "refused the versions");
+    refused(option.set_cipherlist("DEFAULT:!TLS_AES_128_GCM_SHA256"), "ciphers of TLS 1.3 can only be named");
+    refused(option.set_cipherlist("TLS_ECDHE_ECDSA_WITH_AES_128_GCM_SHA256"), "is one of TLS 1.2");
     refused(option.set_peer_name("no name"), "neither a host name nor an IP address");
+    refused(option.set_peer_name("10.0.0.300"), "neither a host name nor an IP address");
+    refused(option.set_peer_name("ne7.example."), "neither a host name nor an IP address");
     EXPECT_EQ(option.set_version("TLSv1.2", "TLSv1.2"), 0);
     refused(option.set_cipherlist("TLS_AES_128_GCM_SHA256"), "none of them is of TLSv1.2");
     // What was good before still stands.

@@ -27,7 +27,9 @@ class TARN_Lmt_SOCK_Stream;
 /// against the IP address that is connected to, and offers TLS 1.2 and 1.3.
 ///
 /// A value: copies are cheap, share what has been loaded from files, and may be changed independently, for example
-/// to give each of many connections its own peer name. Files are read when they are set, and not again.
+/// to give each of many connections its own peer name. Files are read when they are set, and again when another setter
+/// that may fail is called; certificates in a directory when they are looked for. Who replaces files sets them anew and
+/// gives the option to the connections again.
 ///
 /// Setters that may fail refuse a bad value with -1 and a line in the log that says why; the option is then as it was.
 /// One option is for one thread at a time.
@@ -44,7 +46,8 @@ public:
     bool enable_ssl() const;
 
     /// Whether the peer must prove who it is: a certificate of an authority that is trusted, valid today, for the name
-    /// that is expected. True in a new option; without, anybody may answer and read what is sent.
+    /// that is expected (an alternative name of the certificate; its common name counts when it has no alternative
+    /// DNS name, and never for an IP address). True in a new option; without, anybody may answer and read what is sent.
     void set_auth_peer(bool bEnable);
     bool enable_auth_peer() const;
 
@@ -61,6 +64,7 @@ public:
 
     /// The authorities that are trusted: certificates (PEM) in one file, or a directory of them as openssl-rehash(1)
     /// prepares it. Either may be null, or both: the system's authorities, as in a new option.
+    /// Whatever is named is trusted, also an authority that another one has certified.
     /// @return 0, -1 when the file cannot be read or holds no certificate, or the directory is none
     int set_authorities(const char* pszFile, const char* pszDirectory);
 
@@ -76,8 +80,8 @@ public:
     /// The least version.
     const char* get_version() const;
 
-    /// The ciphers that may be used, in OpenSSL's notation (openssl-ciphers(1)), separated by colons. Names that begin
-    /// with "TLS_" are those of TLS 1.3; without any, all of TLS 1.3 may be used, and with nothing else, TLS 1.2 may
+    /// The ciphers that may be used, in OpenSSL's notation (openssl-ciphers(1)), separated by colons. Those of TLS 1.3
+    /// are named, by names that begin with "TLS_"; without any, all of TLS 1.3 may be used, and with nothing else, TLS 1.2 may
     /// not. "DEFAULT" in a new option, and for null or an empty text.
     /// @return 0, -1 when no cipher is left, or one of TLS 1.3 is not known
     int set_cipherlist(const char* pszCiphers);
@@ -89,7 +93,8 @@ public:
     bool enable_session_reuse() const;
 
     /// Seconds after which a session is not taken up any more, at least 0; 300 in a new option. The peer may have
-    /// forgotten it earlier, which costs nothing. The peer's certificate is not verified again when one is taken up.
+    /// forgotten it earlier, which costs nothing. Counted from the last time that the peer's certificate was verified,
+    /// which it is not when a session is taken up.
     void set_session_timeout(int iSeconds);
     int get_session_timeout() const;
 
@@ -126,11 +131,13 @@ public:
     /// A few that have been taken may still wait inside, see has_unsent.
     /// @param pTimeout  longest wait from now on; null: without limit
     /// @param puSent    receives the number of bytes taken, also on failure; may be null
-    /// @return bytes taken; -1 with errno: ETIME, or what broke the connection
+    /// @return bytes taken; -1 with errno: ETIME, or what broke the connection. In non-blocking mode bytes that were
+    ///         taken before it broke are returned first
     int send_n(const void* pData, std::size_t uLength, const ACE_Time_Value* pTimeout = nullptr,
                std::size_t* puSent = nullptr) const;
     /// Receives what there is, at most uLength bytes.
     /// @param pTimeout  longest wait for the first byte; null: without limit
+    /// @param uLength   at least 1
     /// @return bytes received; 0 closed by the peer; -1 with errno: EWOULDBLOCK (non-blocking mode, nothing there),
     ///         ETIME, or what broke the connection
     int recv(char* pData, std::size_t uLength, const ACE_Time_Value* pTimeout = nullptr) const;
@@ -164,7 +171,7 @@ public:
 
     /// Opens the stream, closing what it held: TCP connection and TLS handshake. The handle is in blocking mode.
     /// @param remote    an ACE_INET_Addr
-    /// @param pTimeout  for everything together; null: without limit
+    /// @param pTimeout  for everything together; null: without limit. With a time of 0 nothing can be opened (EAGAIN)
     /// @return 0; -1 with errno: ETIME in time nothing came of it; EPROTO the TLS handshake failed or a certificate
     ///         was refused, with the reason in the log; ECANCELED the stream was closed meanwhile; or what connect(2)
     ///         says
