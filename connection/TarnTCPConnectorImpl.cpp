@@ -2,6 +2,8 @@
 
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 
 TarnTCPConnectorImpl::TarnTCPConnectorImpl(TarnConnector* pOwner)
@@ -35,6 +37,8 @@ int TarnTCPConnectorImpl::InitCommuPara(std::vector<void*>& vctParas)
 
 int TarnTCPConnectorImpl::OpenStream(const ACE_INET_Addr& remoteAddress, const ACE_Time_Value& timeout)
 {
+    // Made here: the connector's own would not be close-on-exec.
+    m_Stream.set_handle(socket(remoteAddress.get_type(), SOCK_STREAM | SOCK_CLOEXEC, 0));
     return m_Connector.connect(m_Stream, remoteAddress, &timeout, ACE_Addr::sap_any, 0, 0, 0, 0);
 }
 

@@ -19,9 +19,10 @@ public:
     int InitCommuPara(std::vector<void*>& vctParas) override TARN_EXCLUDES(m_ParameterLock);
 
 private:
-    int OpenStream(const ACE_INET_Addr& remoteAddress, const ACE_Time_Value& timeout) override;
-    int CloseStream() override;
-    ACE_HANDLE StreamHandle() override;
+    int OpenStream(const ACE_INET_Addr& remoteAddress, const ACE_Time_Value& timeout) override
+        TARN_REQUIRES(m_OpenMutex);
+    int CloseStream() override TARN_REQUIRES(m_OpenMutex);
+    ACE_HANDLE StreamHandle() override TARN_REQUIRES(m_OpenMutex);
 
     ACE_SOCK_Stream m_Stream TARN_GUARDED_BY(m_OpenMutex);
     ACE_SOCK_Connector m_Connector TARN_GUARDED_BY(m_OpenMutex);

@@ -26,9 +26,10 @@ public:
     bool HasBufferedInput() override;
 
 private:
-    int OpenStream(const ACE_INET_Addr& remoteAddress, const ACE_Time_Value& timeout) override;
-    int CloseStream() override;
-    ACE_HANDLE StreamHandle() override;
+    int OpenStream(const ACE_INET_Addr& remoteAddress, const ACE_Time_Value& timeout) override
+        TARN_REQUIRES(m_OpenMutex);
+    int CloseStream() override TARN_REQUIRES(m_OpenMutex);
+    ACE_HANDLE StreamHandle() override TARN_REQUIRES(m_OpenMutex);
 
     // Both order themselves.
     TARN_SOCK_Stream m_Stream;

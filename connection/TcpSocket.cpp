@@ -2,7 +2,6 @@
 
 #include <ace/SOCK_Stream.h>
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -22,7 +21,6 @@ void PrepareTcpSocket(ACE_HANDLE handle)
     constexpr int IDLE_SECONDS = 60;
     constexpr int PROBE_SECONDS = 10;
     constexpr int PROBES = 3;
-    fcntl(handle, F_SETFD, FD_CLOEXEC);
     SetOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
     SetOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
     SetOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, IDLE_SECONDS);

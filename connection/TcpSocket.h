@@ -9,8 +9,7 @@
 /// @file
 /// What the transports over TCP share.
 
-/// Prepares a connected socket: not inherited by child processes, small messages are sent at once
-/// (TCP_NODELAY), and a peer that has vanished is noticed after about a minute and a half (keepalive after 60 s
+/// Prepares a connected socket: small messages are sent at once (TCP_NODELAY), and a peer that has vanished is noticed after about a minute and a half (keepalive after 60 s
 /// of silence, 3 probes 10 s apart), see tcp(7).
 void PrepareTcpSocket(ACE_HANDLE handle);
 

@@ -5,7 +5,7 @@
 #include <ace/SOCK_Connector.h>
 #include <ace/SOCK_Stream.h>
 
-#include <fcntl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <mutex>
@@ -104,7 +104,8 @@ int TARN_SOCK_Connector::connect(TARN_SOCK_Stream& stream, const ACE_Addr& remot
     }
     const auto& address = static_cast<const ACE_INET_Addr&>(remote);
     const TlsConnection::Deadline deadline = DeadlineAfter(pTimeout);
-    ACE_SOCK_Stream tcpStream;
+    // Made here: the connector's own would not be close-on-exec.
+    ACE_SOCK_Stream tcpStream(socket(address.get_type(), SOCK_STREAM | SOCK_CLOEXEC, 0));
     ACE_SOCK_Connector tcpConnector;
     if (tcpConnector.connect(tcpStream, address, pTimeout, ACE_Addr::sap_any, 0, 0, 0, 0) < 0)
     {
@@ -113,7 +114,6 @@ int TARN_SOCK_Connector::connect(TARN_SOCK_Stream& stream, const ACE_Addr& remot
         errno = iError;
         return -1;
     }
-    fcntl(tcpStream.get_handle(), F_SETFD, FD_CLOEXEC);
     const auto pConnection = std::make_shared<TlsConnection>(tcpStream.get_handle(), AddressText(address));
     tcpStream.set_handle(ACE_INVALID_HANDLE);
     // From here on somebody who closes the stream ends the handshake.

@@ -21,7 +21,8 @@ bool IsHostName(const std::string& strName)
     constexpr std::size_t MAX_LENGTH = 253;
     const std::size_t uLastPart = strName.rfind('.') + 1;
     return strName.find_first_not_of("0123456789", uLastPart) != std::string::npos &&
-           strName.size() <= MAX_LENGTH && strName.front() != '.' && strName.front() != '-' &&
+           strName.find("..") == std::string::npos && strName.size() <= MAX_LENGTH &&
+           strName.front() != '.' && strName.front() != '-' &&
            std::all_of(strName.begin(), strName.end(), [](unsigned char c) {
                return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_';
            });

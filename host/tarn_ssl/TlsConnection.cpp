@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <ctime>
 #include <functional>
@@ -32,6 +31,17 @@ constexpr std::size_t MAX_UNSENT_BYTES = 65536;
 // What one step reads at most. OpenSSL itself goes on for as long as there is something that is no data, such as key
 // updates or requests to begin anew, and a peer may send those without end.
 constexpr std::size_t MAX_STEP_BYTES = 65536;
+
+bool IsOver(const TlsConnection::Deadline& deadline)
+{
+    return deadline.has_value() && TlsConnection::Clock::now() >= *deadline;
+}
+
+TlsConnection::Deadline Sooner(const TlsConnection::Deadline& deadline, std::chrono::milliseconds slice)
+{
+    const auto tSlice = TlsConnection::Clock::now() + slice;
+    return deadline.has_value() ? std::min(*deadline, tSlice) : tSlice;
+}
 
 bool IsWouldBlock(int iError)
 {
@@ -194,15 +204,13 @@ std::string Printed(const std::function<bool(BIO*)>& print)
     const auto uLength = static_cast<std::size_t>(BIO_get_mem_data(pBio.get(), &pText));
     std::string strText(pText, std::min(uLength, MAX_LENGTH));
     std::replace_if(
-        strText.begin(), strText.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+        strText.begin(), strText.end(), [](unsigned char c) { return c < ' ' || c > '~'; }, '?');
     return uLength > MAX_LENGTH ? strText + "..." : strText;
 }
 
 std::string NameText(const X509_NAME* pName)
 {
-    return Printed([pName](BIO* pBio) {
-        return X509_NAME_print_ex(pBio, pName, 0, XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB) >= 0;
-    });
+    return Printed([pName](BIO* pBio) { return X509_NAME_print_ex(pBio, pName, 0, XN_FLAG_ONELINE) >= 0; });
 }
 
 std::string TimeText(const ASN1_TIME* pTime)
@@ -324,6 +332,8 @@ int TlsConnection::StartTls(SSL_CTX& context, const PeerCheck& check, std::share
     }
     {
         const std::lock_guard<std::mutex> guard(m_Mutex);
+        if (m_pSessions != nullptr && SSL_session_reused(m_pSsl.get()) == 0)
+            m_pSessions->NoteVerified();
         if (check.bCertificate && SSL_get0_peer_certificate(m_pSsl.get()) == nullptr)
         {
             TlsLog(TARN_LOG_ERROR, "TLS with " + m_strPeer + " refused: the peer has shown no certificate");
@@ -362,7 +372,7 @@ int TlsConnection::RunHandshake(const Deadline& deadline, Step step)
             if (iStep <= 0)
                 return iStep;
             // Also when the socket is never silent.
-            bLate = deadline.has_value() && Clock::now() >= *deadline;
+            bLate = IsOver(deadline);
             bOutput = m_uUnsentAt < m_strUnsent.size();
         }
         if (!bLate && WaitUntilReady(deadline, true))
@@ -435,8 +445,9 @@ std::string TlsConnection::HandshakeReason()
     if (ulError == 0)
         return std::generic_category().message(m_iSocketError);
     const int iReason = ERR_GET_LIB(ulError) == ERR_LIB_SSL ? ERR_GET_REASON(ulError) : 0;
-    const std::string strReason = TakeOpenSslReason();
-    if (iReason >= SSL_AD_REASON_OFFSET)
+    constexpr int ALERTS = 256;
+    std::string strReason = TakeOpenSslReason();
+    if (iReason >= SSL_AD_REASON_OFFSET && iReason < SSL_AD_REASON_OFFSET + ALERTS)
         return "the peer refuses, with the alert: " + strReason;
     if (iReason == SSL_R_WRONG_VERSION_NUMBER || iReason == SSL_R_HTTP_REQUEST)
         return strReason + "; the peer may not speak TLS at all";
@@ -475,7 +486,8 @@ int TlsConnection::Receive(char* pData, std::size_t uLength, const Deadline& dea
             errno = EWOULDBLOCK;
             return -1;
         }
-        if (!WaitUntilReady(deadline, true))
+        // Also when the socket is never silent, with nothing in it that counts.
+        if (IsOver(deadline) || !WaitUntilReady(deadline, true))
         {
             errno = ETIME;
             return -1;
@@ -591,11 +603,13 @@ int TlsConnection::Send(const char* pData, std::size_t uLength, const Deadline& 
                 break;
             bForInput = m_bSendAwaitsInput;
         }
+        // Somebody who receives may also complete the handshake, so nobody waits long for the socket then.
+        constexpr auto SLICE = std::chrono::milliseconds(10);
         if (bForInput && !Negotiate())
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        else if (WaitUntilReady(deadline, bForInput))
-            continue;
-        if (deadline.has_value() && Clock::now() >= *deadline)
+            std::this_thread::sleep_for(SLICE);
+        else if (!bForInput || m_bSendAwaitsInput)
+            WaitUntilReady(bForInput ? Sooner(deadline, SLICE) : deadline, bForInput);
+        if (IsOver(deadline))
         {
             errno = ETIME;
             return -1;

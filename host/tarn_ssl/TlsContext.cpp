@@ -47,6 +47,7 @@ bool SetCiphers(SSL_CTX* pContext, const std::string& strCiphers)
     constexpr const char* SEPARATORS = ":,; ";
     std::string strOld;
     std::string strNew;
+    bool bOldNamed = false; // beside words to OpenSSL, such as "@SECLEVEL=1"
     for (std::size_t uStart = 0;
          (uStart = strCiphers.find_first_not_of(SEPARATORS, uStart)) != std::string::npos;)
     {
@@ -58,14 +59,19 @@ bool SetCiphers(SSL_CTX* pContext, const std::string& strCiphers)
             return refuse("\"" + strName + "\": ciphers of TLS 1.3 can only be named");
         if (uTls == 0 && strName.find("_WITH_") != std::string::npos)
             return refuse("\"" + strName + "\" is one of TLS 1.2, which go by OpenSSL's names");
+        bOldNamed |= uTls != 0 && strName.front() != '@';
         std::string& strList = uTls == 0 ? strNew : strOld;
         strList += (strList.empty() ? "" : ":") + strName;
     }
     if (!strNew.empty() && SSL_CTX_set_ciphersuites(pContext, strNew.c_str()) != 1)
         return refuse(TakeOpenSslReason());
-    if (!strOld.empty())
-        return SSL_CTX_set_cipher_list(pContext, strOld.c_str()) == 1 || refuse(TakeOpenSslReason());
-    // None of the older ones: TLS 1.2 is not meant either.
+    if (!bOldNamed)
+        strOld = "DEFAULT" + (strOld.empty() ? "" : ":" + strOld);
+    if (SSL_CTX_set_cipher_list(pContext, strOld.c_str()) != 1)
+        return refuse(TakeOpenSslReason());
+    if (bOldNamed || strNew.empty())
+        return true;
+    // Only ciphers of TLS 1.3 are named: TLS 1.2 is not meant.
     if (SSL_CTX_get_max_proto_version(pContext) == TLS1_2_VERSION)
         return refuse("none of them is of TLSv1.2");
     return SSL_CTX_set_min_proto_version(pContext, TLS1_3_VERSION) == 1 || refuse(TakeOpenSslReason());

@@ -39,9 +39,13 @@ int TlsSessions::Keep(SSL* pSsl, SSL_SESSION* pSession)
     Session pOld(pSession);
     const std::lock_guard<std::mutex> guard(pSessions->m_Mutex);
     pSessions->m_pSession.swap(pOld);
-    if (SSL_session_reused(pSsl) == 0)
-        pSessions->m_tVerified = std::chrono::steady_clock::now();
     return 1;
+}
+
+void TlsSessions::NoteVerified()
+{
+    const std::lock_guard<std::mutex> guard(m_Mutex);
+    m_tVerified = std::chrono::steady_clock::now();
 }
 
 void TlsSessions::Forget()

@@ -20,6 +20,8 @@ public:
     static void Watch(SSL_CTX* pContext);
     /// Has a connection's sessions kept here, and offers it the one there is. Must live as long as the connection.
     void Attach(SSL* pSsl);
+    /// The peer has proved anew who it is: sessions are good for their lifetime from now on.
+    void NoteVerified();
     void Forget();
 
     const std::string& Peer() const { return m_strPeer; }

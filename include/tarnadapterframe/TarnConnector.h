@@ -64,10 +64,11 @@ public:
     int InitCommuProtocolType(ECommuProtocolType eType);
 
     /// Gives the transport its parameters; what the elements point to is copied. TCP: exactly two, an
-    /// IPv4 address (std::uint32_t, host byte order) and a port (std::uint16_t, host byte order).
+    /// IPv4 address (std::uint32_t, host byte order) and a port (std::uint16_t, host byte order). TLS: these two and a
+    /// TARN_SSL_Option (tarn_ssl.h); more are ignored, and the address is taken even when the option is null.
     /// @return 0; -1 for a wrong number of parameters; -2 for one that is null
     int InitCommuPara(std::vector<void*>& vctParas);
-    /// Reports the transport's parameters. TCP: type, IPv4 address and port in host byte order; the others are
+    /// Reports the transport's parameters. TCP and TLS: type, IPv4 address and port in host byte order; the others are
     /// empty and 0. @return false without transport
     bool GetCommuPara(ECommuProtocolType& eType, unsigned long& ulIP, unsigned short& usPort,
                       std::string& strFirst, std::string& strSecond, std::string& strThird,

@@ -2,6 +2,7 @@
 // adapter that it derives itself, frames with it and stops. Exit code 0 when every step did what the headers
 // say.
 
+#include <tarnadapterframe/tarn_ssl.h>
 #include <tarnadapterframe/tarnadapterframe.h>
 #include <tarnadapterframe/tarnbaseutil.h>
 #include <tarnadapterframe/tarntaskmgr.h>
@@ -56,6 +57,9 @@ int main()
     TarnInstallLogSink(&CountLine);
     bool bGood = Check(tarnadapter::Init() == 0, "Init");
     bGood = Check(!TarnAppIsExit() && !TarnIsExit(), "exit flags") && bGood;
+
+    TARN_SSL_Option option;
+    bGood = Check(option.enable_auth_peer() && option.set_version("SSLv3") == -1, "TLS option") && bGood;
 
     TEAdapterManager* pManager = TEAdapterManager::Instance();
     bGood = Check(pManager->RegisterProtocolAdapter(PROTOCOL_ID, new LineAdapter, false) == 0, "register") &&

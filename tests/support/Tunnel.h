@@ -4,6 +4,8 @@
 #include "support/Authority.h"
 #include "support/Process.h"
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <map>
 #include <vector>

@@ -5,7 +5,9 @@
 #include <ace/INET_Addr.h>
 #include <ace/Time_Value.h>
 
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -261,6 +263,57 @@ TEST_F(Tls, PeersThatDoNotShakeHandsEndInTimeWithTheReason)
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(connector.connect(stream, ACE_Addr(), nullptr), -1);
     EXPECT_EQ(errno, EAFNOSUPPORT);
+}
+
+TEST_F(Tls, APeerThatNeverPausesDoesNotOutlastTheTime)
+{
+    // Requests to begin anew, which a client that has begun skips without end.
+    const std::string strRequests = std::string("\x16\x03\x03\x40\x00", 5) + std::string(16384, '\0');
+    const Listener listener;
+    std::thread peer([&] {
+        const int iPeer = listener.Accept();
+        while (send(iPeer, strRequests.data(), strRequests.size(), MSG_NOSIGNAL) > 0)
+        {}
+        close(iPeer);
+    });
+    EXPECT_EQ(Connect(listener.Port(), 1), -1);
+    EXPECT_EQ(errno, ETIME) << Log();
+    peer.join();
+}
+
+TEST_F(Tls, WhoReadsABacklogIsFreeBetweenRecords)
+{
+    constexpr std::size_t FIRST = 512; // so that no record ends with a read
+    constexpr std::size_t RECORDS = 3;
+    constexpr std::size_t RECORD = 16384;
+    const TlsServer server(issued);
+    ASSERT_EQ(Connect(server.Port()), 0);
+    const auto isThere = [&](std::size_t uBytes) {
+        return WaitUntil([&] {
+            int iWaiting = 0;
+            ioctl(stream.get_handle(), FIONREAD, &iWaiting);
+            return static_cast<std::size_t>(iWaiting) > uBytes;
+        });
+    };
+    SetNonBlocking();
+    char bytes[1024];
+    EXPECT_TRUE(WaitUntil([&] { return server.process.Output().find("CIPHER is") != std::string::npos; }));
+    stream.recv(bytes, sizeof(bytes)); // tickets
+    server.process.Write(std::string(FIRST, 'x'));
+    EXPECT_TRUE(isThere(FIRST));
+    server.process.Freeze();
+    server.process.Write(std::string(RECORDS * RECORD, 'x'));
+    server.process.Thaw();
+    EXPECT_TRUE(isThere(FIRST + RECORDS * RECORD));
+    int nFree = 0;
+    for (std::size_t uReceived = 0; uReceived < FIRST + RECORDS * RECORD;)
+    {
+        const int iReceived = stream.recv(bytes, sizeof(bytes));
+        ASSERT_GT(iReceived, 0);
+        uReceived += static_cast<std::size_t>(iReceived);
+        nFree += stream.has_unread() ? 0 : 1;
+    }
+    EXPECT_GE(nFree, static_cast<int>(RECORDS));
 }
 
 TEST_F(Tls, SessionsAreTakenUpAsTheServerSees)

@@ -82,7 +82,7 @@ public:
 
     /// The ciphers that may be used, in OpenSSL's notation (openssl-ciphers(1)), separated by colons. Those of TLS 1.3
     /// are named, by names that begin with "TLS_"; without any, all of TLS 1.3 may be used, and with nothing else, TLS 1.2 may
-    /// not. "DEFAULT" in a new option, and for null or an empty text.
+    /// not. Unknown ones of TLS 1.2 are left out. "DEFAULT" in a new option, and for null or an empty text.
     /// @return 0, -1 when no cipher is left, or one of TLS 1.3 is not known
     int set_cipherlist(const char* pszCiphers);
     const char* get_cipherlist() const;
@@ -111,7 +111,8 @@ private:
 /// A connection, once TARN_SOCK_Connector has opened it.
 ///
 /// All operations may be called from any thread, several at once; what several send at once is sent in any order.
-/// Closing wins: whoever receives, sends or connects meanwhile returns.
+/// Closing wins: whoever receives, sends or is in the handshake meanwhile returns; a TCP connection that is being opened is
+/// closed when it is there.
 ///
 /// On a handle in non-blocking mode (O_NONBLOCK) nothing waits.
 class TARN_SSL_API TARN_SOCK_Stream
@@ -166,7 +167,7 @@ public:
     TARN_SOCK_Connector(const TARN_SOCK_Connector&) = delete;
     TARN_SOCK_Connector& operator=(const TARN_SOCK_Connector&) = delete;
 
-    /// For the connections that are opened from now on. Not while one is being opened.
+    /// For the connections that are opened from now on; one that is being opened may get it already.
     void set_ssl_option(const TARN_SSL_Option& option);
 
     /// Opens the stream, closing what it held: TCP connection and TLS handshake. The handle is in blocking mode.
