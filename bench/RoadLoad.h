@@ -150,6 +150,26 @@ inline void AskAsynchronously(int nMost, int nNes, const std::string& strText, L
     underWay.answered.wait(lock, [&] { return underWay.nUnderWay == 0; });
 }
 
+/// The library with the adapter of questions, started for its own lifetime.
+class Road
+{
+public:
+    Road()
+    {
+        Question::s_Adapters = {&m_MessageAdapter};
+        if (tarnadapter::Init() != 0 ||
+            TEAdapterManager::Instance()->RegisterProtocolAdapter(ROAD_PROTOCOL, m_pProtocol, true) != 0)
+            Fail("the library does not start");
+    }
+    ~Road() { tarnadapter::Fini(); }
+    Road(const Road&) = delete;
+    Road& operator=(const Road&) = delete;
+
+private:
+    RoadProtocol* const m_pProtocol = new RoadProtocol; // the library deletes it
+    RoadMessageAdapter m_MessageAdapter{m_pProtocol};
+};
+
 /// Waits until so many connectors have been opened.
 inline void WaitUntilOpen(int nConnectors)
 {

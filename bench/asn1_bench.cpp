@@ -62,12 +62,7 @@ int main(int argc, char** argv)
     const double seconds = argc > 1 ? std::atof(argv[1]) : 3; // NOLINT(cert-err34-c): a wrong one is 0
     InstallQuietHost();
     Element element;
-    auto* pProtocol = new RoadProtocol;
-    RoadMessageAdapter messageAdapter(pProtocol);
-    Question::s_Adapters = {&messageAdapter};
-    if (tarnadapter::Init() != 0 ||
-        TEAdapterManager::Instance()->RegisterProtocolAdapter(ROAD_PROTOCOL, pProtocol, true) != 0)
-        Fail("the library does not start");
+    const Road road;
     {
         std::vector<std::unique_ptr<Connector>> connectors;
         for (int i = 0; i < CONNECTORS; ++i)
@@ -83,6 +78,5 @@ int main(int argc, char** argv)
         Measure("lists of 100", seconds,
                 [](Latencies& latencies, Clock::time_point tEnd) { AskInLists(100, latencies, tEnd); });
     }
-    tarnadapter::Fini();
     return 0;
 }

@@ -91,14 +91,8 @@ int main(int argc, char** argv)
     measureOpening("open, session taken up", option, usTlsPort);
     measureOpening("open, plain TCP", plain, element.Port());
 
-    auto* pProtocol = new RoadProtocol;
-    RoadMessageAdapter messageAdapter(pProtocol);
-    Question::s_Adapters = {&messageAdapter};
-    if (tarnadapter::Init() != 0 ||
-        TEAdapterManager::Instance()->RegisterProtocolAdapter(ROAD_PROTOCOL, pProtocol, true) != 0)
-        Fail("the library does not start");
+    const Road road;
     MeasureRequests("TLS", usTlsPort, &option, seconds);
     MeasureRequests("TCP", element.Port(), nullptr, seconds);
-    tarnadapter::Fini();
     return 0;
 }
