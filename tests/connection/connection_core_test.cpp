@@ -744,24 +744,25 @@ TEST_F(ConnectionCore, ReferencesAreRecordedAndDumped)
     EXPECT_EQ(
         host.Count(1, "TarnConnectorImpl IncRef GroupID = 3,TargetID = 0xab,threadid = " + strId + "\n"),
         REFERENCES);
-    // The sweep leaves it, and says who refers to it.
+    // The sweep leaves it, and says who refers to it. The engine's own first sweep may do so, too.
     TarnConnectorMgrImpl::RetireConnection(pConnection);
     TarnConnectorMgrImpl::Existing()->SweepRubbish();
-    EXPECT_EQ(
+    EXPECT_GE(
         host.Count(1, "TarnConnectorImpl,begin dump RefThreadInfo,GroupID = 3,TargetID = 0xab,Size = 9:\n"),
         1);
     std::string strDump;
     for (int i = 0; i < 8; ++i)
         strDump += strRecord;
-    EXPECT_EQ(host.Count(3, strDump + "\n" + strRecord + "\n"), 1);
-    EXPECT_EQ(host.Count(1, "TarnConnectorImpl,dump RefThreadInfo over. GroupID = 3,TargetID = 0xab\n"), 1);
+    EXPECT_GE(host.Count(3, strDump + "\n" + strRecord + "\n"), 1);
+    EXPECT_GE(host.Count(1, "TarnConnectorImpl,dump RefThreadInfo over. GroupID = 3,TargetID = 0xab\n"), 1);
     std::thread([&] { pConnection->DecRef(); }).join();
     EXPECT_EQ(host.CountContaining(1, "RefCount's Threadid doesn't match! GroupID = 3,TargetID = 0xab"), 1);
     for (int i = 1; i < REFERENCES; ++i)
         pConnection->DecRef();
+    host.ClearLines();
     TarnConnectorMgrImpl::Existing()->SweepRubbish(); // deletes it
     TarnConnectorMgrImpl::Existing()->SweepRubbish();
-    EXPECT_EQ(host.CountContaining(1, "begin dump RefThreadInfo"), 1);
+    EXPECT_EQ(host.CountContaining(1, "begin dump RefThreadInfo"), 0);
 }
 
 TEST_F(ConnectionCore, AConnectionIsNotDestroyedWhileItIsReferredTo)
