@@ -650,7 +650,7 @@ std::size_t TlsConnection::SendNow(const char* pData, std::size_t uLength)
             uSent += static_cast<std::size_t>(iSent);
             continue;
         }
-        m_bSendAwaitsInput = IsNegotiating();
+        m_bSendAwaitsInput = IsNegotiating() && !m_bEnded;
         if (m_bSendAwaitsInput)
             break;
         BeginStep();
@@ -661,9 +661,12 @@ std::size_t TlsConnection::SendNow(const char* pData, std::size_t uLength)
         if (iResult == 1)
             continue;
         const int iError = SSL_get_error(m_pSsl.get(), iResult);
-        m_bSendAwaitsInput = iError == SSL_ERROR_WANT_READ;
-        if (iError != SSL_ERROR_WANT_READ)
+        m_bSendAwaitsInput = iError == SSL_ERROR_WANT_READ && !m_bEnded;
+        if (!m_bSendAwaitsInput)
+        {
             NoteEnd(iError); // OpenSSL does not go on after a failure
+            m_iSocketError = m_iEndError != 0 ? m_iEndError : EPIPE;
+        }
         break;
     }
     return uSent;

@@ -122,6 +122,11 @@ TEST_F(Tls, APeerIsAcceptedForWhatItProvesAndRefusedWithTheReason)
     EXPECT_EQ(Connect(server.Port()), 0);
     option.set_auth_peer(true);
     EXPECT_EQ(option.set_authorities(authority.File().c_str(), nullptr), 0);
+    const Process rehash({"openssl", "rehash", "-v", authority.Folder()});
+    EXPECT_TRUE(rehash.HasWritten("link authority.pem"));
+    option = TARN_SSL_Option();
+    EXPECT_EQ(option.set_authorities(nullptr, authority.Folder().c_str()), 0);
+    EXPECT_TRUE(WaitUntil([&] { return Connect(server.Port()) == 0; })) << Log();
     EXPECT_EQ(option.set_peer_name("another.example"), 0);
     option.set_check_name(false);
     EXPECT_EQ(Connect(server.Port()), 0);
