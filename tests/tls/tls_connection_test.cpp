@@ -116,6 +116,10 @@ TEST_F(TlsConnections, AConnectionIsServedBreaksAndComesBack)
     ExpectAnswers();
     for (const bool bReset : {false, true})
     {
+        // An answer says that the tunnel's other half is there, too.
+        const std::string strPayload = bReset ? "before a reset" : "before an end";
+        EXPECT_EQ(connector.Send(1, strPayload), 0);
+        ASSERT_TRUE(HasReceived(strPayload));
         const int nOpened = connector.nOpened;
         element.DropAll(bReset);
         ASSERT_TRUE(WaitUntil([&] { return connector.nOpened > nOpened; }));
