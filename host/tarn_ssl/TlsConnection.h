@@ -66,7 +66,13 @@ private:
     {
         void operator()(SSL* pSsl) const { SSL_free(pSsl); }
     };
-    struct Refusal; // why the peer's certificate was not accepted
+    /// Why the peer's certificate was not accepted.
+    struct Refusal
+    {
+        int iError = 0;
+        int iDepth = 0;
+        std::string strCertificate;
+    };
 
     // OpenSSL's calls.
     static const BIO_METHOD* BioMethod();
@@ -91,7 +97,7 @@ private:
     ssize_t SendToSocket(const char* pData, std::size_t uLength);
     void NoteEnd(int iSslError);
     void End(int iError);
-    int FailHandshake();
+    int AfterStep(int iResult);
     std::string HandshakeReason();
     std::string Describe() const;
 
@@ -101,6 +107,7 @@ private:
     bool Negotiate();
     bool WaitUntilReady(const Deadline& deadline, bool bForInput);
     bool IsNonBlocking() const;
+    static bool IsOver(const Deadline& deadline);
 
     const int m_iSocket;
     const std::string m_strPeer;

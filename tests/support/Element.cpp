@@ -1,5 +1,7 @@
 #include "support/Element.h"
 
+#include "support/Loopback.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -18,15 +20,6 @@ namespace {
 
 constexpr std::uint32_t MAX_FRAME = std::uint32_t{32} << 20U;
 constexpr std::size_t FLOOD_BYTES = 65536;
-
-sockaddr_in Loopback(std::uint16_t usPort)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(usPort);
-    return address;
-}
 
 /// A listener on a port, 0: a free one. Tells the port.
 int ListenOn(std::uint16_t& usPort, int iBacklog)

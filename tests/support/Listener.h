@@ -1,6 +1,8 @@
 #ifndef TARN_TESTS_SUPPORT_LISTENER_H
 #define TARN_TESTS_SUPPORT_LISTENER_H
 
+#include "support/Loopback.h"
+
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
@@ -16,8 +18,6 @@ public:
     Listener()
         : m_iSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
-        m_Address.sin_family = AF_INET;
-        m_Address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t uLength = sizeof(m_Address);
         EXPECT_EQ(bind(m_iSocket, reinterpret_cast<sockaddr*>(&m_Address), uLength), 0);
         EXPECT_EQ(getsockname(m_iSocket, reinterpret_cast<sockaddr*>(&m_Address), &uLength), 0);
@@ -33,7 +33,7 @@ public:
 
 private:
     const int m_iSocket;
-    sockaddr_in m_Address{};
+    sockaddr_in m_Address = Loopback(0);
 };
 
 #endif

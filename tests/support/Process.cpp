@@ -1,5 +1,6 @@
 #include "support/Process.h"
 
+#include "support/Loopback.h"
 #include "support/TestHost.h"
 
 #include <fcntl.h>
@@ -10,19 +11,6 @@
 #include <unistd.h>
 
 #include <csignal>
-
-namespace {
-
-sockaddr_in Loopback(std::uint16_t usPort)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(usPort);
-    return address;
-}
-
-} // namespace
 
 Process::Process(const std::vector<std::string>& arguments)
 {
