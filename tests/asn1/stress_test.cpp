@@ -1,6 +1,7 @@
 #include "asn1/Asn1Test.h"
 #include "core/TEMessageTimer.h"
 
+#include <chrono>
 #include <deque>
 #include <list>
 #include <memory>
@@ -78,6 +79,7 @@ TEST_F(Asn1Stress, AnAnswerBesideATimeOutACancelAndTheEndOfTheMessage)
         if (canceller.joinable())
             canceller.join();
     }
+    EndAnswers(); // a waiter has its answer before the answering thread has counted it
     EXPECT_GE(nAnswered, nOk);
 }
 
@@ -91,8 +93,10 @@ TEST_F(Asn1Stress, AnAnswerBesideTheExpiryOfAnAsynchronousOne)
         while (!bEnd)
             timer.handle_timeout(ACE_Time_Value::zero, nullptr);
     });
+    // On a busy machine the ticker may have all processors for a while: who answers gets its turn, too.
+    const auto tLimit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     const int nRounds = StressRounds(5000);
-    for (int i = 0; i < nRounds; ++i)
+    for (int i = 0; i < nRounds || (nAnswered == 0 && std::chrono::steady_clock::now() < tLimit); ++i)
     {
         auto* pRequest = new Request(PROTOCOL);
         pRequest->SetTimeOut(i % 4 * 5);
@@ -108,6 +112,7 @@ TEST_F(Asn1Stress, AnAnswerBesideTheExpiryOfAnAsynchronousOne)
     EXPECT_TRUE(WaitUntil([] { return Request::Alive() == 0; }));
     bEnd = true;
     ticker.join();
+    EndAnswers(); // a message may be gone before the answering thread has counted it
     EXPECT_EQ(s_nCalled, nAnswered);
     EXPECT_GT(nAnswered, 0);
 }
