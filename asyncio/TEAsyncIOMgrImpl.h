@@ -57,6 +57,16 @@ public:
     int AddTERspMessageData(TEMessage* pMessage) override;
     int AddTERptMessageData(TEMessage* pMessage) override;
 
+    /// Whose a message is after it has been handed over.
+    enum class Handing
+    {
+        QUEUED,  ///< the queue's
+        KEPT,    ///< refused, and still the caller's
+        DELETED, ///< nobody's: discarded, or the caller waited for room until the stop
+    };
+    Handing QueueResponse(TEMessage* pMessage);
+    Handing QueueReport(TEMessage* pMessage);
+
     // --- connections ---
 
     /// Has an open connection's bytes read and written. Waits until no call of an earlier registration of the

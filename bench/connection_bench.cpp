@@ -116,9 +116,8 @@ public:
         const std::size_t uLength = FrameLength(data.data(), data.size());
         if (uLength == 0)
             return 0;
-        auto* pAnswer = new Answer(this, static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(pHandle)));
-        if (TEAsyncIOMgr::Instance()->AddTERspMessageData(pAnswer) != 0)
-            delete pAnswer;
+        TEAsyncIOMgr::Instance()->AddResponse(std::make_unique<Answer>(
+            this, static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(pHandle))));
         return static_cast<int>(uLength);
     }
 };

@@ -1,3 +1,4 @@
+#include "connection/HandlerCall.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/WouldBlock.h"
 #include "core/LogArguments.h"
@@ -7,6 +8,7 @@
 
 #include <ace/ACE.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 
@@ -26,6 +28,13 @@ int TarnConnectorImpl::Read()
     const int iReceived = RecvData(received, RECEIVE_BYTES);
     if (iReceived <= 0)
         return iReceived;
+    const HandlerCall* pCall = HandlerCall::CurrentOf(*this);
+    const std::uint32_t ulSession = pCall != nullptr ? pCall->Session() : m_ulSession.load();
+    if (m_ulInputSession != ulSession)
+    {
+        m_ulInputSession = ulSession;
+        m_uStaleInput = m_ReadBuffer.size();
+    }
     m_ReadBuffer.insert(m_ReadBuffer.end(), received, received + iReceived);
     const int iFramed = ConsumeFrames();
     if (iFramed < 0)
@@ -59,6 +68,7 @@ int TarnConnectorImpl::ConsumeFrames()
         }
         else
             m_ReadBuffer.erase(m_ReadBuffer.begin(), m_ReadBuffer.begin() + iLength);
+        m_uStaleInput -= std::min(m_uStaleInput, static_cast<std::size_t>(iLength));
     }
     if (m_ReadBuffer.size() >= MAX_INPUT_BYTES)
     {
@@ -79,6 +89,7 @@ int TarnConnectorImpl::DiscardInput(int iResult)
     TraceHexData(reinterpret_cast<const char*>(m_ReadBuffer.data()), iTraced, TARN_TRACE_ASYNC_IO_RECV, 0);
     m_ReadBuffer.clear();
     m_ReadBuffer.shrink_to_fit();
+    m_uStaleInput = 0;
     return iResult;
 }
 

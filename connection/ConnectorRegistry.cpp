@@ -1,5 +1,6 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "connection/ConnectionPin.h"
+#include "connection/ConnectorUses.h"
 #include "connection/HandlerCall.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
@@ -15,15 +16,18 @@ namespace {
 
 // Hooks that the calling thread is inside of.
 thread_local int t_nHookDepth = 0;
+// Connectors that it has got and not released.
+thread_local int t_nLentDepth = 0;
 
 constexpr auto HOOK_POLL = std::chrono::seconds(1);
 
-/// Guards the counts of hooks under way in all facades: a facade that is destroyed waits for its own, when there
-/// may be no manager any more. A leaf. Never destroyed.
+/// Guards the counts of hooks under way in all facades, and wakes who waits for the end of uses: a facade that is
+/// destroyed waits for its own, when there may be no manager any more. A leaf. Never destroyed.
 struct HookCounting
 {
     std::mutex mutex;
     std::condition_variable left;
+    std::atomic<int> nWaiting{0}; // set before a count is looked at, so that who releases last sees it
 };
 
 HookCounting& Hooks()
@@ -32,9 +36,13 @@ HookCounting& Hooks()
     return counting;
 }
 
-void LogHookWait()
+void LogHookWait(int nHooks, int nLent)
 {
-    TarnAdapterFrmtTrace(3, "TarnConnectorMgrImpl::UnRegisterConnector, waiting for a hook to return\n");
+    TarnAdapterFrmtTrace(
+        3,
+        "TarnConnectorMgrImpl::UnRegisterConnector, waiting for a hook to return, or for who has got "
+        "the connector, hooks = %d, users = %d\n",
+        nHooks, nLent);
 }
 
 class HookDepth
@@ -78,10 +86,10 @@ public:
             (pOnly != nullptr && it->second.pConnector->GetTarnConnectorImpl() != pOnly))
             return;
         m_pConnector = it->second.pConnector;
-        m_pHooks = m_pConnector->m_pHooks;
+        m_pUses = m_pConnector->m_pUses;
         AcquireUse(*m_pConnector);
         const std::lock_guard<std::mutex> hookGuard(Hooks().mutex);
-        ++*m_pHooks;
+        ++m_pUses->nHooks;
     }
     ~HookUse()
     {
@@ -89,7 +97,7 @@ public:
             return;
         ReleaseUse(*m_pConnector);
         const std::lock_guard<std::mutex> hookGuard(Hooks().mutex);
-        --*m_pHooks; // once the lock is released the connector may be gone
+        --m_pUses->nHooks; // once the lock is released the connector may be gone
         Hooks().left.notify_all();
     }
     HookUse(const HookUse&) = delete;
@@ -99,7 +107,7 @@ public:
 
 private:
     TarnConnector* m_pConnector = nullptr;
-    std::shared_ptr<int> m_pHooks;
+    std::shared_ptr<ConnectorUses> m_pUses;
 };
 
 int TarnConnectorMgrImpl::RegisterConnector(TarnConnector* pConnector, bool bWait, int iWaitConnectCount)
@@ -191,7 +199,7 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
     constexpr const char* NOT_FOUND =
         "UnRegisterConnector failed ! cannot find TarnConnectorImpl, groupId = %d, TargetId = 0x%x\n";
     Registration registration{};
-    std::shared_ptr<int> pHooks;
+    std::shared_ptr<ConnectorUses> pUses;
     std::optional<ConnectionPin> pin;
     {
         const TarnReadGuard guard(m_RegistryLock);
@@ -202,7 +210,7 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
             return -1;
         }
         registration = it->second;
-        pHooks = registration.pConnector->m_pHooks;
+        pUses = registration.pConnector->m_pUses;
         pin.emplace(*registration.pConnector, nullptr);
         if (*pin)
         {
@@ -226,10 +234,10 @@ int TarnConnectorMgrImpl::UnRegisterConnector(int iGroupId, unsigned long ulTarg
         pAsyncIOMgr->UnregisterIfLeaving(*pin->Get());
     // What has happened is told as long as the connector can be found.
     while (MayWaitForHooks() && !(*pin)->WaitForHooks(HOOK_POLL))
-        LogHookWait();
+        LogHookWait(1, 0);
     if (!RemoveConnector(key, registration.uNumber)) // another thread has been faster
         TarnAdapterFrmtTrace(1, NOT_FOUND, iGroupId, key.ulTargetID);
-    WaitForHooks(*pHooks);
+    WaitForUses(*pUses);
     TarnAdapterFrmtTrace(1, "UnRegisterConnector sucess ! groupId = %d, TargetId = 0x%x\n", iGroupId,
                          key.ulTargetID);
     return 0;
@@ -253,18 +261,28 @@ bool TarnConnectorMgrImpl::MayWaitForHooks()
     return t_nHookDepth == 0 && HandlerCall::Current() == nullptr;
 }
 
-void TarnConnectorMgrImpl::WaitForHooks(const TarnConnector& connector)
+void TarnConnectorMgrImpl::WaitForUses(const TarnConnector& connector)
 {
-    WaitForHooks(*connector.m_pHooks);
+    WaitForUses(*connector.m_pUses);
 }
 
-void TarnConnectorMgrImpl::WaitForHooks(const int& nHooks)
+void TarnConnectorMgrImpl::WaitForUses(const ConnectorUses& uses)
 {
     if (!MayWaitForHooks())
         return;
-    std::unique_lock<std::mutex> lock(Hooks().mutex);
-    while (!Hooks().left.wait_for(lock, HOOK_POLL, [&] { return nHooks == 0; }))
-        LogHookWait();
+    ++Hooks().nWaiting;
+    {
+        const auto bUnused = [&] { return uses.nHooks == 0 && (t_nLentDepth > 0 || uses.nLent == 0); };
+        std::unique_lock<std::mutex> lock(Hooks().mutex);
+        while (!Hooks().left.wait_for(lock, HOOK_POLL, bUnused))
+        {
+            const int nHooks = uses.nHooks;
+            lock.unlock(); // a host's log may take its time
+            LogHookWait(nHooks, uses.nLent);
+            lock.lock();
+        }
+    }
+    --Hooks().nWaiting;
 }
 
 TarnConnector* TarnConnectorMgrImpl::GetConnectorByID(int iGroupId, unsigned long ulTargetID)
@@ -281,8 +299,36 @@ TarnConnector* TarnConnectorMgrImpl::GetConnectorByID(int iGroupId, unsigned lon
     const auto it = m_mapConnector.find(key);
     if (it == m_mapConnector.end())
         return nullptr;
-    AcquireUse(*it->second.pConnector);
-    return it->second.pConnector;
+    return Lend(*it->second.pConnector);
+}
+
+/// Under the registry lock, so that it is not unregistered meanwhile.
+TarnConnector* TarnConnectorMgrImpl::Lend(TarnConnector& connector)
+{
+    AcquireUse(connector);
+    ++connector.m_pUses->nLent;
+    ++t_nLentDepth;
+    return &connector;
+}
+
+TarnConnector* TarnConnectorMgr::GetFramedConnector(std::size_t& uStale)
+{
+    const HandlerCall* pCall = HandlerCall::Current();
+    TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
+    if (pCall == nullptr || !pCall->IsInBuffers() || pConnectorMgr == nullptr)
+        return nullptr;
+    uStale = pCall->Connection().StaleInput();
+    return pConnectorMgr->LendFacadeOf(pCall->Connection());
+}
+
+TarnConnector* TarnConnectorMgrImpl::LendFacadeOf(TarnConnectorImpl& connection)
+{
+    const ConnectionKey key{connection.GetGroupID(), connection.GetTargetID()};
+    const TarnReadGuard guard(m_RegistryLock);
+    const auto it = m_mapConnector.find(key);
+    if (it == m_mapConnector.end() || it->second.pConnector->GetTarnConnectorImpl() != &connection)
+        return nullptr;
+    return Lend(*it->second.pConnector);
 }
 
 TarnConnector* TarnConnectorMgrImpl::GetConnectorByHandle(ACE_HANDLE handle)
@@ -299,8 +345,18 @@ TarnConnector* TarnConnectorMgrImpl::GetConnectorByHandle(ACE_HANDLE handle)
 
 int TarnConnectorMgrImpl::ReleaseConnector(TarnConnector* pConnector)
 {
-    if (pConnector != nullptr)
-        ReleaseUse(*pConnector);
+    if (pConnector == nullptr)
+        return 0;
+    const std::shared_ptr<ConnectorUses> pUses = pConnector->m_pUses;
+    ReleaseUse(*pConnector);
+    if (t_nLentDepth > 0) // got on this thread, as it ought to be
+        --t_nLentDepth;
+    // From here on the connector may be gone.
+    if (--pUses->nLent == 0 && Hooks().nWaiting > 0)
+    {
+        const std::lock_guard<std::mutex> guard(Hooks().mutex);
+        Hooks().left.notify_all();
+    }
     return 0;
 }
 

@@ -16,6 +16,7 @@ public:
     HandlerCall(const HandlerCall&) = delete;
     HandlerCall& operator=(const HandlerCall&) = delete;
 
+    TarnConnectorImpl& Connection() const { return m_Connection; }
     /// The opening, counted from 1; 0: the connection was not being served any more when the call began.
     std::uint32_t Session() const { return m_ulSession; }
 
@@ -28,7 +29,7 @@ public:
     static HandlerCall* CurrentOf(const TarnConnectorImpl& connection);
 
 private:
-    const TarnConnectorImpl& m_Connection;
+    TarnConnectorImpl& m_Connection;
     const std::uint32_t m_ulSession;
     bool m_bInBuffers = true;
     HandlerCall* const m_pOuter;

@@ -2,21 +2,24 @@
 
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "connection/ConnectionPin.h"
+#include "connection/ConnectorUses.h"
 #include "connection/CreateTransport.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
+#include "tarnadapterframe/AdapterTypes.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
 #include <utility>
 
 TarnConnector::TarnConnector(ECommuProtocolType eType)
     : m_pImpl(CreateTransport(eType, this).release())
+    , m_pUses(std::make_shared<ConnectorUses>())
 {}
 
 TarnConnector::~TarnConnector()
 {
     // Unregistered inside a hook, it did not wait for that hook to return.
-    TarnConnectorMgrImpl::WaitForHooks(*this);
+    TarnConnectorMgrImpl::WaitForUses(*this);
     TarnConnectorMgrImpl::RetireConnection(ReplaceTransport(nullptr));
 }
 
@@ -74,6 +77,21 @@ int TarnConnector::SetHandle(void* pHandle)
     const auto handle = static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(pHandle));
     pImpl->set_handle(pImpl->GetState() == STATE_DISCONNECTED ? ACE_INVALID_HANDLE : handle);
     return 0;
+}
+
+int TarnConnector::SendToOutBuffer(const char* pData, int iLength)
+{
+    const ConnectionPin pImpl(*this, "TarnConnector::SendToOutBuffer error, m_pImpl=null\n");
+    if (!pImpl)
+        return -1;
+    if (pData == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TarnConnector::SendToOutBuffer error, input para pData=null\n");
+        return ADAPTER_ERR_NULL_DATA;
+    }
+    if (!pImpl->IsRegistered() || pImpl->GetHandle() == ACE_INVALID_HANDLE)
+        return ADAPTER_ERR_INVALID_HANDLE;
+    return pImpl->AddAndSendData(pData, iLength);
 }
 
 unsigned long TarnConnector::GetTargetID()

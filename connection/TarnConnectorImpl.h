@@ -224,6 +224,8 @@ public:
     void SetServed(bool bServed);
     bool IsServed() const { return m_ulServed != 0; }
     /// Whether the I/O manager's registry holds the connection, served by the reactor or not.
+    /// Bytes at the head of the read buffer that an earlier session has left. For handler calls.
+    std::size_t StaleInput() const { return m_uStaleInput; }
     void SetRegistered(bool bRegistered) { m_bRegistered = bRegistered; }
     bool IsRegistered() const { return m_bRegistered; }
     /// Waits until no reactor call of an earlier registration is left; the calling thread's own does not
@@ -300,6 +302,8 @@ private:
 
     // Touched only from handler calls, one at a time.
     std::vector<unsigned char> m_ReadBuffer;
+    std::size_t m_uStaleInput = 0;            // bytes at its head that an earlier session has left
+    std::uint32_t m_ulInputSession = 0;       // in which the rest was received
     std::vector<unsigned char> m_WriteBuffer; // the blocks being sent
     std::size_t m_uWritten = 0;               // how much of them has been sent
     std::deque<OutputBlock> m_WriteBlocks;    // those of which something is left

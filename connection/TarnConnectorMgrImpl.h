@@ -21,6 +21,7 @@
 #include <vector>
 
 class TarnConnector;
+struct ConnectorUses;
 class TarnConnectorImpl;
 
 /// The connection manager.
@@ -35,6 +36,8 @@ class TarnConnectorImpl;
 /// the queue mutex together, and hooks run with no lock held but their facade's use lock (read).
 class TarnConnectorMgrImpl : public TarnConnectorMgr
 {
+    friend class TarnConnectorMgr;
+
 public:
     /// The manager if there is one, else null; never creates it.
     static TarnConnectorMgrImpl* Existing();
@@ -68,9 +71,10 @@ public:
     /// False inside a hook or a handler call: there the calling thread does not wait for others that may be
     /// waiting for it.
     static bool MayWaitForHooks();
-    /// Waits until no thread is inside a hook of a connector that is not registered, so that no further one
-    /// begins. Within a hook it does not wait.
-    static void WaitForHooks(const TarnConnector& connector);
+    /// Waits until no thread uses a connector that is not registered, so that nobody begins to: is inside a hook of it, or has
+    /// got it from GetConnectorByID. Within a hook it does not wait, and a thread that has got a connector itself waits for
+    /// hooks only.
+    static void WaitForUses(const TarnConnector& connector);
     /// Sets the state of a connection that has been closed: disconnected, or connecting if it is queued for its next
     /// attempt.
     static void SetClosed(TarnConnectorImpl& connector);
@@ -130,8 +134,10 @@ private:
     bool WaitConnectTarget(TarnConnectorImpl* pConnector, int nAttempts);
     bool TryConnectTarget(TarnConnectorImpl* pConnector, int nAttempts, int& nMade);
     bool RemoveConnector(const ConnectionKey& key, std::uint64_t uNumber) TARN_EXCLUDES(m_RegistryLock);
-    static void WaitForHooks(const int& nHooks);
+    static void WaitForUses(const ConnectorUses& uses);
     static ConnectTargetKey KeyOf(TarnConnectorImpl& connector);
+    TarnConnector* LendFacadeOf(TarnConnectorImpl& connection) TARN_EXCLUDES(m_RegistryLock);
+    static TarnConnector* Lend(TarnConnector& connector);
     static void AcquireUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     static void ReleaseUse(TarnConnector& connector) TARN_NO_THREAD_SAFETY_ANALYSIS;
     bool CallHook(const ConnectionKey& key, int* pResult, const TarnConnectorImpl* pOnly,

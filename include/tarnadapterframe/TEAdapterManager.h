@@ -56,15 +56,16 @@ public:
 ///     TEMessage* pSource = nullptr;
 ///     void* pUserData = nullptr;
 ///     bool bFound = false;
-///     manager->AcquireMsgMapMtx();
-///     auto it = manager->FindSrcMsgInfo(sourceUnit, bFound);
-///     if (bFound)
 ///     {
-///         pSource = it->second.pSource;
-///         pUserData = it->second.pUserData;
-///         manager->UnRegisterSourceMessage(pSource); // the record, and the iterator with it, are gone
+///         const TEMsgMapGuard guard; // AcquireMsgMapMtx, ReleaseMsgMapMtx
+///         auto it = manager->FindSrcMsgInfo(sourceUnit, bFound);
+///         if (bFound)
+///         {
+///             pSource = it->second.pSource;
+///             pUserData = it->second.pUserData;
+///             manager->UnRegisterSourceMessage(pSource); // the record, and the iterator with it, are gone
+///         }
 ///     }
-///     manager->ReleaseMsgMapMtx();
 ///     // found: source and user data are the caller's; not found: they are somebody else's, or gone
 ///
 /// For the same reason hold the lock from RegisterPrivateMessage to the last RegisterMessage of an
@@ -250,6 +251,22 @@ private:
     static std::atomic<bool> s_bStarted;    ///< Init has succeeded, the manager has not been destroyed since
     static std::atomic<bool>
         s_bAsyncIOPending; ///< asynchronous I/O was asked for before the start; never cleared
+};
+
+/// Holds the manager's correlation lock for its own lifetime, also when an exception ends that.
+class TEMsgMapGuard
+{
+public:
+    TEMsgMapGuard() TARN_NO_THREAD_SAFETY_ANALYSIS : m_pManager(TEAdapterManager::Instance())
+    {
+        m_pManager->AcquireMsgMapMtx();
+    }
+    ~TEMsgMapGuard() TARN_NO_THREAD_SAFETY_ANALYSIS { m_pManager->ReleaseMsgMapMtx(); }
+    TEMsgMapGuard(const TEMsgMapGuard&) = delete;
+    TEMsgMapGuard& operator=(const TEMsgMapGuard&) = delete;
+
+private:
+    TEAdapterManager* const m_pManager;
 };
 
 #endif

@@ -5,6 +5,8 @@
 
 #include <ace/config-all.h>
 
+#include <memory>
+
 class TEMessage;
 
 /// The engine that reads and writes all open connections and hands received messages to application threads.
@@ -43,7 +45,7 @@ public:
     /// @param pMessage  taken over with result 0
     /// @return 0 queued; -1 not: null, the application is exiting, the engine is being stopped, no response
     ///         threads or no memory, and the message stays its caller's. Only when the engine is being stopped
-    ///         while the caller waits for room the message is deleted, with -1
+    ///         while the caller waits for room the message is deleted, with -1: use AddResponse where that matters
     virtual int AddTERspMessageData(TEMessage* pMessage) = 0;
 
     /// Queues a spontaneous report for the report threads (`nAppProcessRptMsgThreadNum`); with one of them
@@ -56,6 +58,11 @@ public:
     ///         (and deleted); -1 null, the application is exiting, the engine is being stopped, no report
     ///         threads or no memory, and the message stays its caller's
     virtual int AddTERptMessageData(TEMessage* pMessage) = 0;
+
+    /// AddTERspMessageData and AddTERptMessageData for who does not want to know whose the message is afterwards: it is taken
+    /// over in any case, and deleted when it is not queued. The results are the same.
+    int AddResponse(std::unique_ptr<TEMessage> pMessage);
+    int AddReport(std::unique_ptr<TEMessage> pMessage);
 
     TEAsyncIOMgr(const TEAsyncIOMgr&) = delete;
     TEAsyncIOMgr& operator=(const TEAsyncIOMgr&) = delete;

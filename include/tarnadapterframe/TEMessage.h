@@ -73,9 +73,11 @@ public:
     EAdapterMessageType GetType() const;
     void SetType(EAdapterMessageType eType);
 
-    /// Sets the seconds left until the message times out; taken as they are, no scaling.
+    /// Sets the seconds left until the message times out; taken as they are, no scaling. The manager's timer takes 5 off every 5
+    /// seconds from an asynchronous message, and expires it when that leaves less than 0: a multiple of 5 is waited for in full
+    /// and for at most 5 seconds more, any other number perhaps up to 4 seconds less.
     void SetTimeOut(int nTimeOut);
-    /// Seconds left. The manager's timer counts an asynchronous message down in steps of 5.
+    /// Seconds left.
     int GetTimeOut() const;
 
     /// Asks the message's adapter to forget the message. @return the adapter's result; -1 without adapter.

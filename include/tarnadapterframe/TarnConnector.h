@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+struct ConnectorUses;
 class TarnConnectorImpl;
 
 /// One connection to a network element, as its owner sees it: the element's address, the connection's key and
@@ -49,7 +50,8 @@ public:
     /// be closed, or without transport
     virtual int DisConnect();
 
-    /// Called after the connection has broken or RequestDisConnect has closed it, once for each OnConnectOK.
+    /// Called after the connection has broken, or RequestDisConnect or UnRegisterConnector has closed it, once for each
+    /// OnConnectOK.
     /// With AUTO_CONNECT it is closed by then and is going to be reopened after `nConnectSleep` seconds;
     /// without, its handle is unregistered and the owner closes it. @return ignored
     virtual int OnSockBreak();
@@ -112,6 +114,12 @@ public:
     /// transport
     int SetHandle(void* pHandle);
 
+    /// Queues bytes for sending, as TEAsyncIOMgr::SendToOutBuffer does, but for this connection and never for another that has
+    /// been given the same handle meanwhile. If the connection breaks before they are sent, they go out when it is open again.
+    /// @return 0 queued, also when there was no memory to queue them (logged); -1 the queue stayed full, or without
+    ///         transport; ADAPTER_ERR_NULL_DATA; ADAPTER_ERR_INVALID_HANDLE when the connection is not open, or not served
+    int SendToOutBuffer(const char* pData, int iLength);
+
     /// The transport's stream object: of TLS its TARN_SOCK_Stream, otherwise null.
     void* GetSocketStream();
     /// The transport, for the framework's own use; null without. Good until the type is changed or the
@@ -127,11 +135,10 @@ private:
     // Guards the pointer for as long as it takes to pin the transport; a leaf.
     TarnThreadMutex m_ImplLock;
     TarnConnectorImpl* m_pImpl TARN_GUARDED_BY(m_ImplLock) = nullptr;
-    // Held in read mode between TarnConnectorMgr::GetConnectorByID and ReleaseConnector.
+    // Held in read mode between TarnConnectorMgr::GetConnectorByID and ReleaseConnector, and during hooks.
     TarnRWThreadMutex m_UseLock;
-    // Number of calls of hooks under way, guarded by a lock of the connection manager's for all connectors. Shared
-    // with who waits for them, since the connector may be destroyed as soon as there are none.
-    const std::shared_ptr<int> m_pHooks = std::make_shared<int>(0);
+    // Who uses it. Shared with who waits for them, since the connector may be destroyed as soon as there are none.
+    const std::shared_ptr<ConnectorUses> m_pUses;
 };
 
 #endif

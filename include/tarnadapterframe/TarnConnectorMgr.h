@@ -5,6 +5,8 @@
 
 #include <ace/config-all.h>
 
+#include <cstddef>
+
 class TarnConnector;
 
 /// The connections of the process, by their key (group id, target id): opens them on connect threads of its
@@ -35,20 +37,31 @@ public:
     ///         last registration does not return within 5 seconds
     virtual int RegisterConnector(TarnConnector* pConnector, bool bWait, int iWaitConnectCount) = 0;
 
-    /// Takes a connector out: closes its connection (AUTO_CONNECT set) or stops serving its handle (clear), and
-    /// waits until no other thread is inside a hook of it, so that it may be destroyed afterwards. Called
-    /// inside a hook or a framing call, of whichever connector, it does not wait: destroy the connector later
-    /// then. Nothing that a hook waits for may wait for the caller.
+    /// Takes a connector out: closes its connection (AUTO_CONNECT set; OnSockBreak is called, here, when it was open) or
+    /// stops serving its handle (clear), and
+    /// waits until no other thread is inside a hook of it or has got it from GetConnectorByID or GetConnectorByHandle, so that
+    /// it may be destroyed afterwards. Called inside a hook or a framing call, of whichever connector, it does not wait, and for
+    /// others that have got the connector it does not when its thread has got one itself: destroy the connector later
+    /// then. Nothing that a hook, or a user of the connector, waits for may wait for the caller.
     ///
     /// While a connect thread is inside an attempt this waits for it, for the connect timeout at most.
     /// @return 0; -1 when the key is not registered, or group id below 0
     virtual int UnRegisterConnector(int iGroupId, unsigned long ulTargetID) = 0;
 
-    /// The connector registered under a key, or null. It is in use by the caller until ReleaseConnector and
-    /// must not be destroyed before.
+    /// The connector registered under a key, or null. It is in use by the caller until ReleaseConnector, for which
+    /// UnRegisterConnector on another thread waits: release it soon, whatever is thrown (TarnConnectorGuard does), and before
+    /// something that may wait for that thread, such as handing a message on. Who wants to destroy a connector releases the
+    /// ones that he has got before he unregisters it.
     virtual TarnConnector* GetConnectorByID(int iGroupId, unsigned long ulTargetID) = 0;
     /// The connector of an open, registered connection; the same rules.
     virtual TarnConnector* GetConnectorByHandle(ACE_HANDLE handle) = 0;
+    /// The connector whose bytes the calling thread is framing, for use inside TarnProtocolAdapter::CheckMessageValid: unlike a
+    /// look-up by handle it does not find another connection that has been given the number meanwhile. The same rules. Null
+    /// elsewhere, and when the connector has been unregistered.
+    /// @param uStale  set to the number of bytes at the head of the data that an earlier opening of the connection has left: the
+    ///                rest of their message will never come. An adapter that returns it from CheckMessageValid, when it is not
+    ///                0, begins each opening afresh
+    static TarnConnector* GetFramedConnector(std::size_t& uStale);
     /// Ends the use of a connector; on the thread that got it. Null is ignored. @return 0
     virtual int ReleaseConnector(TarnConnector* pConnector) = 0;
 
@@ -79,6 +92,30 @@ public:
 protected:
     TarnConnectorMgr() = default;
     virtual ~TarnConnectorMgr() = default;
+};
+
+/// Releases a connector that the manager has given out, at the end of its own lifetime.
+class TarnConnectorGuard
+{
+public:
+    /// @param pConnector  from GetConnectorByID, GetConnectorByHandle or GetFramedConnector on this thread; may be null
+    explicit TarnConnectorGuard(TarnConnector* pConnector)
+        : m_pConnector(pConnector)
+    {}
+    ~TarnConnectorGuard()
+    {
+        if (m_pConnector != nullptr)
+            TarnConnectorMgr::Instance()->ReleaseConnector(m_pConnector);
+    }
+    TarnConnectorGuard(const TarnConnectorGuard&) = delete;
+    TarnConnectorGuard& operator=(const TarnConnectorGuard&) = delete;
+
+    explicit operator bool() const { return m_pConnector != nullptr; }
+    TarnConnector* operator->() const { return m_pConnector; }
+    TarnConnector* Get() const { return m_pConnector; }
+
+private:
+    TarnConnector* const m_pConnector;
 };
 
 #endif

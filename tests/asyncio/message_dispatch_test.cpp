@@ -77,7 +77,7 @@ TEST_F(MessageDispatch, MessagesAreHandledAndDeletedOnceWhateverTheyDo)
                 })),
                           0);
             else
-                EXPECT_EQ(AsyncIO().AddTERspMessageData(new Work([&] { ++nHandled; })), 0);
+                EXPECT_EQ(AsyncIO().AddResponse(std::make_unique<Work>([&] { ++nHandled; })), 0);
         }
     });
     EXPECT_TRUE(WaitUntil([] { return Work::Alive() == 0; }));
@@ -103,6 +103,11 @@ TEST_F(MessageDispatch, WithoutThreadsMessagesStayTheirCallers)
     EXPECT_EQ(host.Count(1, "TEAsyncIOMgrImpl::AddTERspMessageData error,m_pRspMsgQueue is NULL\n"), 1);
     EXPECT_EQ(AsyncIO().AddTERptMessageData(&work), -1);
     EXPECT_EQ(host.Count(1, "TEAsyncIOMgrImpl::AddTERptMessageData error, no rpt process thread\n"), 1);
+    // Unless they are handed over for good.
+    EXPECT_EQ(AsyncIO().AddResponse(std::make_unique<Work>([] {})), -1);
+    EXPECT_EQ(AsyncIO().AddReport(std::make_unique<Work>([] {})), -1);
+    EXPECT_EQ(AsyncIO().AddResponse(nullptr), -1);
+    EXPECT_EQ(Work::Alive(), 1);
 }
 
 TEST_F(MessageDispatch, WhileTheApplicationExitsMessagesStayTheirCallers)
@@ -123,7 +128,7 @@ TEST_F(MessageDispatch, AFloodOfReportsIsDiscardedByItsCommands)
     Start();
     HoldReports();
     const auto report = [&](int iCommands) {
-        EXPECT_EQ(AsyncIO().AddTERptMessageData(new Work([this] { ++nHandled; }, iCommands)), 0);
+        EXPECT_EQ(AsyncIO().AddReport(std::make_unique<Work>([this] { ++nHandled; }, iCommands)), 0);
     };
     const int nBefore = Work::Alive();
     for (int i = 0; i < 50; ++i)
@@ -170,7 +175,8 @@ TEST_F(MessageDispatch, AStopLetsWaitingProducersGoAndLeavesWhatIsQueued)
         ASSERT_EQ(AsyncIO().AddTERptMessageData(queued.back().get()), 0);
     }
     TEAsyncIOMgr& asyncIO = AsyncIO();
-    auto late = std::async(std::launch::async, [&] { return asyncIO.AddTERptMessageData(new Work({})); });
+    auto late =
+        std::async(std::launch::async, [&] { return asyncIO.AddReport(std::make_unique<Work>([] {})); });
     EXPECT_TRUE(WaitUntil([] { return Work::Alive() == QUEUE_ENTRIES + 2; }));
     auto insistent = std::async(std::launch::async, [&] {
         auto pWork = std::make_unique<Work>([] {});

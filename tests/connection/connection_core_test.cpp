@@ -387,6 +387,10 @@ TEST_F(ConnectionCore, BadThingsToSendAreRefused)
     EXPECT_EQ(connector.Impl()->AddAndSendData(nullptr, 1), -1);
     EXPECT_EQ(connector.Impl()->SendData(nullptr, 1), -1);
     EXPECT_EQ(connector.Impl()->RecvData(nullptr, 1), -1);
+    EXPECT_EQ(connector.SendToOutBuffer(nullptr, 1), 0x10000012);
+    EXPECT_EQ(host.Count(2, "TarnConnector::SendToOutBuffer error, input para pData=null\n"), 1);
+    EXPECT_EQ(TestConnector(2).SendToOutBuffer("x", 1), 0x10000010);
+    EXPECT_EQ(TarnConnector().SendToOutBuffer("x", 1), -1);
     EXPECT_EQ(AsyncIO().SendToOutBuffer(pair.iNear, "y", 1), 0);
     EXPECT_EQ(pair.Receive(1), "y");
     EXPECT_EQ(connector.UnRegister(), 0);

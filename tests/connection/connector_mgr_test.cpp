@@ -3,6 +3,7 @@
 #include "connection/TarnConnectorMgrImpl.h"
 #include "support/ConnectionTest.h"
 #include "support/DescriptorHog.h"
+#include "support/Listener.h"
 #include "support/Relay.h"
 #include "support/Threads.h"
 
@@ -467,6 +468,98 @@ TEST_F(ConnectorMgr, UnregisteringWaitsForAHookOnAnotherThread)
     EXPECT_EQ(unregistered.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     goOn.set_value();
     EXPECT_EQ(unregistered.get(), 0);
+}
+
+TEST_F(ConnectorMgr, UnregisteringWaitsForWhoHasGotTheConnector)
+{
+    Start();
+    auto pConnector = MakeConnector(1);
+    ASSERT_EQ(pConnector->Register(), 0);
+    // Not for the calling thread itself, ...
+    TarnConnector* pOwn = Manager().GetConnectorByID(TestConnector::GROUP, 1);
+    ASSERT_EQ(pConnector->UnRegister(), 0);
+    EXPECT_EQ(Manager().ReleaseConnector(pOwn), 0);
+    ASSERT_EQ(pConnector->Register(), 0);
+    // ... but for any other; then the connector may be destroyed at once.
+    for (int i = 0; i < StressRounds(50); ++i)
+    {
+        std::promise<void> got;
+        std::atomic<bool> bDone{false};
+        auto user = std::async(std::launch::async, [&] {
+            TarnConnector* pUsed = Manager().GetConnectorByID(TestConnector::GROUP, 1);
+            got.set_value();
+            if (i == 0)
+            {
+                EXPECT_TRUE(WaitUntil(
+                    [&] { return host.CountContaining(3, "or for who has got the connector") > 0; }));
+            }
+            for (int j = 0; j < 100; ++j)
+                EXPECT_EQ(pUsed->GetTargetID(), 1U);
+            bDone = true;
+            Manager().ReleaseConnector(pUsed);
+        });
+        got.get_future().wait();
+        EXPECT_EQ(pConnector->UnRegister(), 0);
+        EXPECT_TRUE(bDone);
+        pConnector = MakeConnector(1);
+        ASSERT_EQ(pConnector->Register(), 0);
+        user.get();
+    }
+    EXPECT_EQ(pConnector->UnRegister(), 0);
+}
+
+TEST_F(ConnectorMgr, WhatAnEarlierOpeningHasLeftIsToldWhenTheNextIsFramed)
+{
+    Start();
+    const auto pConnector = MakeConnector(1);
+    std::mutex mutex;
+    std::vector<std::size_t> stale;
+    pAdapter->onFraming = [&](ACE_HANDLE) {
+        std::size_t uStale = 0;
+        const TarnConnectorGuard framed(TarnConnectorMgr::GetFramedConnector(uStale));
+        const std::lock_guard<std::mutex> guard(mutex);
+        EXPECT_EQ(framed.Get(), pConnector.get());
+        stale.push_back(uStale);
+    };
+    const auto lastStale = [&] {
+        const std::lock_guard<std::mutex> guard(mutex);
+        return stale.empty() ? -1 : static_cast<int>(stale.back());
+    };
+    const Listener listener;
+    ASSERT_EQ(pConnector->Reach(listener.Port()), 0);
+    ASSERT_EQ(pConnector->Register(), 0);
+    const auto say = [](int iSocket, const std::string& strBytes) {
+        EXPECT_EQ(send(iSocket, strBytes.data(), strBytes.size(), 0), static_cast<ssize_t>(strBytes.size()));
+    };
+    const std::string strFrame = Element::Frame(7, std::string(90, 'x')); // 98 bytes
+    int iSocket = listener.Accept();
+    say(iSocket, strFrame.substr(0, 40));
+    EXPECT_TRUE(WaitUntil([&] { return lastStale() == 0; }));
+    close(iSocket);
+    // The rest of it comes over the next connection: 40 bytes are stale until the message that they begin is consumed.
+    iSocket = listener.Accept();
+    say(iSocket, strFrame.substr(40, 10));
+    EXPECT_TRUE(WaitUntil([&] { return lastStale() == 40; }));
+    say(iSocket, strFrame.substr(50) + strFrame.substr(0, 20));
+    EXPECT_TRUE(WaitUntil([&] { return lastStale() == 0; }));
+    close(iSocket);
+    // What the adapter refuses is gone, and leaves nothing stale.
+    iSocket = listener.Accept();
+    say(iSocket, std::string(100, '\xFF'));
+    close(iSocket);
+    iSocket = listener.Accept();
+    EXPECT_TRUE(WaitUntil([&] { return pConnector->nBroken >= 3; }));
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        stale.clear();
+    }
+    say(iSocket, strFrame.substr(0, 5));
+    EXPECT_TRUE(WaitUntil([&] { return lastStale() != -1; }));
+    EXPECT_EQ(lastStale(), 0);
+    close(iSocket);
+    std::size_t uStale = 0;
+    EXPECT_EQ(TarnConnectorMgr::GetFramedConnector(uStale), nullptr);
+    EXPECT_EQ(pConnector->UnRegister(), 0);
 }
 
 enum class NextOwner

@@ -55,8 +55,7 @@ int TestConnector::UnRegister()
 int TestConnector::Send(std::uint32_t ulSerial, const std::string& strPayload)
 {
     const std::string strFrame = Element::Frame(ulSerial, strPayload);
-    return TEAsyncIOMgr::Instance()->SendToOutBuffer(Handle(), strFrame.data(),
-                                                     static_cast<int>(strFrame.size()));
+    return SendToOutBuffer(strFrame.data(), static_cast<int>(strFrame.size()));
 }
 
 int TestConnector::OnConnectOK()

@@ -10,6 +10,7 @@
 #include <tarnadapterframe/tarnadapterframe.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -73,17 +74,20 @@ public:
         TEAdapterManager* pManager = TEAdapterManager::Instance();
         Question* pSource = nullptr;
         bool bFound = false;
-        pManager->AcquireMsgMapMtx();
-        const auto sink = pManager->FindSrcMsgUnit({m_ulSerial, ROAD_PROTOCOL}, bFound);
-        if (bFound)
-        {
-            const auto record = pManager->FindSrcMsgInfo(sink->second, bFound);
-            pSource = bFound ? static_cast<Question*>(record->second.pSource) : nullptr;
-        }
-        s_nLate += pSource == nullptr ? 1 : 0;
         bool bAsync = false;
-        if (pSource != nullptr)
         {
+            const TEMsgMapGuard guard;
+            const auto sink = pManager->FindSrcMsgUnit({m_ulSerial, ROAD_PROTOCOL}, bFound);
+            if (bFound)
+            {
+                const auto record = pManager->FindSrcMsgInfo(sink->second, bFound);
+                pSource = bFound ? static_cast<Question*>(record->second.pSource) : nullptr;
+            }
+            if (pSource == nullptr)
+            {
+                ++s_nLate;
+                return 0;
+            }
             pManager->UnRegisterSourceMessage(pSource);
             bAsync = pSource->GetSyncFlag() == ASYNC_MESSAGE;
             pSource->strAnswer = m_strText;
@@ -92,7 +96,6 @@ public:
             if (!bAsync)
                 pSource->HandleMessage();
         }
-        pManager->ReleaseMsgMapMtx();
         if (bAsync)
             pSource->HandleMessage();
         return 0;
@@ -126,10 +129,8 @@ public:
             ++Answer::s_nReports;
             return static_cast<int>(uLength);
         }
-        Answer* pAnswer = NewAnswer(
-            ulSerial, std::string(data.begin() + 8, data.begin() + static_cast<std::ptrdiff_t>(uLength)));
-        if (TEAsyncIOMgr::Instance()->AddTERspMessageData(pAnswer) != 0)
-            delete pAnswer;
+        TEAsyncIOMgr::Instance()->AddResponse(std::unique_ptr<TEMessage>(NewAnswer(
+            ulSerial, std::string(data.begin() + 8, data.begin() + static_cast<std::ptrdiff_t>(uLength)))));
         return static_cast<int>(uLength);
     }
 
@@ -158,26 +159,25 @@ public:
         TEAdapterManager* pManager = TEAdapterManager::Instance();
         const TEMessageUnit source = {pQuestion->GetMessageSerial(),
                                       SrcProtocolInstance()->GetProtocolAdapterID()};
-        pManager->AcquireMsgMapMtx();
-        RegisterPrivateMessage(pQuestion, this, nullptr, pQuestion->GetTimeOut());
-        RegisterMessage(pQuestion, &sink);
-        pManager->ReleaseMsgMapMtx();
+        {
+            const TEMsgMapGuard guard;
+            RegisterPrivateMessage(pQuestion, this, nullptr, pQuestion->GetTimeOut());
+            RegisterMessage(pQuestion, &sink);
+        }
         TarnConnectorMgr* pConnectors = TarnConnectorMgr::Instance();
         TarnConnector* pConnector = pConnectors->GetConnectorByID(ROAD_GROUP, ulNe);
-        const auto handle =
+        const int iSent =
             pConnector != nullptr
-                ? static_cast<ACE_HANDLE>(reinterpret_cast<std::intptr_t>(pConnector->GetHandle()))
-                : ACE_INVALID_HANDLE;
+                ? pConnector->SendToOutBuffer(strFrame.data(), static_cast<int>(strFrame.size()))
+                : -1;
         pConnectors->ReleaseConnector(pConnector);
-        if (TEAsyncIOMgr::Instance()->SendToOutBuffer(handle, strFrame.data(),
-                                                      static_cast<int>(strFrame.size())) == 0)
+        if (iSent == 0)
             return 0;
         bool bThere = false; // it may have expired meanwhile, and be gone
-        pManager->AcquireMsgMapMtx();
+        const TEMsgMapGuard guard;
         pManager->FindSrcMsgInfo(source, bThere);
         if (bThere)
             pManager->UnRegisterSourceMessage(pQuestion);
-        pManager->ReleaseMsgMapMtx();
         return bThere ? -1 : 0;
     }
 };
