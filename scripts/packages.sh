@@ -1,8 +1,10 @@
 # Debian packages that this project is built, tested and analysed with; sourced by the other scripts.
 
 packages_build="g++ cmake ninja-build pkgconf libace-dev libini-config-dev libspdlog-dev libssl-dev"
-packages_test="libgtest-dev libbenchmark-dev openssl socat stunnel4"
-packages_analysis="clang"
+packages_examples="libtasn1-6-dev libcli11-dev"
+packages_elements="snmpd snmp stunnel4 socat openssl"
+packages_test="libgtest-dev libbenchmark-dev $packages_examples $packages_elements"
+packages_analysis="clang libclang-rt-dev"
 
 # Makes sure that the named packages are installed. Installs what is missing as root or through sudo; otherwise prints
 # the line that does it and ends with exit code 3.
@@ -25,7 +27,6 @@ require_packages() {
         exit 3
     fi
     echo "Installing:$missing"
-    export DEBIAN_FRONTEND=noninteractive
     # shellcheck disable=SC2086 # the words of $run and $missing are separate arguments
-    $run apt-get update -qq && $run apt-get install -y -qq --no-install-recommends $missing
+    $run apt-get update -qq && $run env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing
 }
