@@ -4,6 +4,7 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "asyncio/TEIOHandlerRecycler.h"
 #include "asyncio/TEIOReactor.h"
+#include "connection/TESerialSendReactor.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "core/ApplicationCall.h"
 #include "core/ReactorDescriptors.h"
@@ -99,6 +100,7 @@ void TEAsyncIOMgrImpl::InitOnce()
     SpawnLoopThreads();
     CreateResponseQueue();
     CreateReportQueue();
+    StartSerialSending();
     m_ThreadStart.WaitFor(m_nSpawned);
 }
 
@@ -195,4 +197,13 @@ void TEAsyncIOMgrImpl::CreateReportQueue()
         Spawn(&TEAsyncIOMgrImpl::AppHandleRptMessageLoop, Settings().nAppProcessRptMsgThreadNum,
               ThreadSignals::ALL_BLOCKED,
               "TEAsyncIOMgrImpl::Init,failed to spawn thread, which is to handle report messages");
+}
+
+void TEAsyncIOMgrImpl::StartSerialSending()
+{
+    if (!Settings().bEnableSerialCom)
+        return;
+    TESerialSendReactor* pReactor = TESerialSendReactor::Instance();
+    if (pReactor == nullptr || pReactor->Start() != 0)
+        TarnAdapterFrmtTrace(0, "TEAsyncIOMgrImpl::Init, failed to start TESerialSendReactor");
 }

@@ -3,6 +3,7 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "asyncio/TEIOHandlerRecycler.h"
 #include "asyncio/TEIOReactor.h"
+#include "connection/TESerialSendReactor.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "core/Settings.h"
@@ -104,6 +105,9 @@ void TEAsyncIOMgrImpl::StopOnce()
     WaitForThreads();
     if (TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing())
         pConnectorMgr->Stop();
+    // Before connections are deleted, one of which it may be sending for.
+    if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
+        pReactor->Leave();
     m_LoopThreads.WaitForEnds();
     m_AppThreads.WaitForEnds();
     m_ProducerGate.ShutAndWait();
@@ -211,6 +215,7 @@ TEAsyncIOMgrImpl::~TEAsyncIOMgrImpl()
 {
     Stop();
     TarnConnectorMgr::Destroy();
+    TESerialSendReactor::Destroy();
     delete m_pReactor.load();
     delete m_pReactorImpl.load();
     delete m_pTimerReactor.load();

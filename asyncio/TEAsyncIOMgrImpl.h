@@ -108,6 +108,7 @@ private:
     void SpawnLoopThreads();
     void CreateResponseQueue();
     void CreateReportQueue();
+    void StartSerialSending();
     int Spawn(ACE_THR_FUNC pfnBody, int nThreads, ThreadSignals eSignals, const char* pszFailure);
 
     // Thread bodies

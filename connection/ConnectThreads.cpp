@@ -1,3 +1,4 @@
+#include "connection/SerialSession.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "core/LibraryThread.h"
@@ -250,6 +251,7 @@ void TarnConnectorMgrImpl::Stop()
     BeginStop();
     StopConnectThreads();
     m_ThreadsLeft.WaitUntilNone();
+    SerialSession::EndAllWatches(); // nobody opens a line any more
 }
 
 int TarnConnectorMgrImpl::ResumeConnectThreads()

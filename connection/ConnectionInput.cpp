@@ -15,17 +15,13 @@
 namespace {
 
 constexpr int RECEIVE_BYTES = 1024;
-// Bytes without a whole message at which a connection is broken.
-constexpr std::size_t MAX_INPUT_BYTES = std::size_t{16} << 20U;
-// Room that an empty buffer may keep.
-constexpr std::size_t MAX_IDLE_CAPACITY = 65536;
 
 } // namespace
 
 int TarnConnectorImpl::Read()
 {
-    char received[RECEIVE_BYTES];
-    const int iReceived = RecvData(received, RECEIVE_BYTES);
+    unsigned char received[RECEIVE_BYTES];
+    const int iReceived = RecvData(reinterpret_cast<char*>(received), RECEIVE_BYTES);
     if (iReceived <= 0)
         return iReceived;
     const HandlerCall* pCall = HandlerCall::CurrentOf(*this);
@@ -33,9 +29,9 @@ int TarnConnectorImpl::Read()
     if (m_ulInputSession != ulSession)
     {
         m_ulInputSession = ulSession;
-        m_uStaleInput = m_ReadBuffer.size();
+        m_Input.BeginSession();
     }
-    m_ReadBuffer.insert(m_ReadBuffer.end(), received, received + iReceived);
+    m_Input.Append(received, static_cast<std::size_t>(iReceived));
     const int iFramed = ConsumeFrames();
     if (iFramed < 0)
         return iFramed;
@@ -48,12 +44,12 @@ int TarnConnectorImpl::Read()
 /// Has the adapter take whole messages from the head of the buffer until it finds none. No lock is held.
 int TarnConnectorImpl::ConsumeFrames()
 {
-    while (!m_ReadBuffer.empty())
+    while (!m_Input.IsEmpty())
     {
         // The adapter gets the handle as the number it is.
         void* const pHandle = reinterpret_cast<void*>(static_cast<std::intptr_t>(GetHandle()));
         const int iLength =
-            TEAdapterManager::Instance()->CheckMessageValid(pHandle, m_ReadBuffer, m_ulAdapterProtocolID);
+            TEAdapterManager::Instance()->CheckMessageValid(pHandle, m_Input.Bytes(), m_ulAdapterProtocolID);
         if (iLength < 0)
         {
             TarnAdapterFrmtTrace(1, "CheckMessageValid fail: ret=%d\n", iLength);
@@ -61,35 +57,27 @@ int TarnConnectorImpl::ConsumeFrames()
         }
         if (iLength == 0)
             break;
-        if (static_cast<std::size_t>(iLength) > m_ReadBuffer.size())
-        {
+        if (static_cast<std::size_t>(iLength) > m_Input.Bytes().size())
             TarnAdapterFrmtTrace(1, "The report may not be correct!");
-            m_ReadBuffer.clear();
-        }
-        else
-            m_ReadBuffer.erase(m_ReadBuffer.begin(), m_ReadBuffer.begin() + iLength);
-        m_uStaleInput -= std::min(m_uStaleInput, static_cast<std::size_t>(iLength));
+        m_Input.Consume(static_cast<std::size_t>(iLength));
     }
-    if (m_ReadBuffer.size() >= MAX_INPUT_BYTES)
+    if (m_Input.IsFull())
     {
         TarnAdapterFrmtTrace(1,
                              "TarnConnectorImpl::Read, no message in %d bytes, Group = %d, TargetID = 0x%x\n",
-                             static_cast<int>(m_ReadBuffer.size()), GetGroupID(), GetTargetID());
+                             static_cast<int>(m_Input.Bytes().size()), GetGroupID(), GetTargetID());
         return DiscardInput(-1);
     }
-    if (m_ReadBuffer.empty() && m_ReadBuffer.capacity() > MAX_IDLE_CAPACITY)
-        m_ReadBuffer.shrink_to_fit();
     return 0;
 }
 
 int TarnConnectorImpl::DiscardInput(int iResult)
 {
+    const std::vector<unsigned char>& bytes = m_Input.Bytes();
     const auto iTraced =
-        static_cast<int>(std::min<std::size_t>(m_ReadBuffer.size(), std::numeric_limits<int>::max()));
-    TraceHexData(reinterpret_cast<const char*>(m_ReadBuffer.data()), iTraced, TARN_TRACE_ASYNC_IO_RECV, 0);
-    m_ReadBuffer.clear();
-    m_ReadBuffer.shrink_to_fit();
-    m_uStaleInput = 0;
+        static_cast<int>(std::min<std::size_t>(bytes.size(), std::numeric_limits<int>::max()));
+    TraceHexData(reinterpret_cast<const char*>(bytes.data()), iTraced, TARN_TRACE_ASYNC_IO_RECV, 0);
+    m_Input.Clear();
     return iResult;
 }
 

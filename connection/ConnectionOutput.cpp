@@ -28,12 +28,6 @@ constexpr std::size_t MAX_IDLE_CAPACITY = 65536;
 // How long a sender waits for room in the out queue.
 const ACE_Time_Value QUEUE_WAIT(0, 100'000);
 
-void FreeBlock(ACE_Message_Block* pBlock)
-{
-    delete[] pBlock->base();
-    pBlock->release();
-}
-
 /// The kind of text that is sent under a protocol id, see TraceHexData.
 ETarnAdpterTraceType TraceTypeOfSending(std::uint32_t ulProtocolID)
 {
@@ -58,6 +52,12 @@ ACE_Message_Block* MakeBlock(const char* pData, std::size_t uLength)
 }
 
 } // namespace
+
+void TarnConnectorImpl::FreeBlock(ACE_Message_Block* pBlock)
+{
+    delete[] pBlock->base();
+    pBlock->release();
+}
 
 int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
 {

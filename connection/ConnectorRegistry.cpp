@@ -317,7 +317,7 @@ TarnConnector* TarnConnectorMgr::GetFramedConnector(std::size_t& uStale)
     TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing();
     if (pCall == nullptr || !pCall->IsInBuffers() || pConnectorMgr == nullptr)
         return nullptr;
-    uStale = pCall->Connection().StaleInput();
+    uStale = pCall->Input().Stale();
     return pConnectorMgr->LendFacadeOf(pCall->Connection());
 }
 

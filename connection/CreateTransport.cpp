@@ -1,5 +1,6 @@
 #include "connection/CreateTransport.h"
 
+#include "connection/TarnSerialConnectorImpl.h"
 #include "connection/TarnTCPConnectorImpl.h"
 #include "connection/TarnTCPSSLConnectorImpl.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -30,6 +31,8 @@ std::unique_ptr<TarnConnectorImpl> New(ECommuProtocolType eType, TarnConnector* 
     // The other transports are not part of the library yet: they count as not to be created.
     if (eType == TCP_TYPE)
         return std::make_unique<TarnTCPConnectorImpl>(pOwner);
+    if (eType == SERIAL_TYPE)
+        return std::make_unique<TarnSerialConnectorImpl>(pOwner);
     if (eType == TCP_SSL_TYPE)
         return std::make_unique<TarnTCPSSLConnectorImpl>(pOwner);
     return nullptr;

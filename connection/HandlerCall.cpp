@@ -10,7 +10,17 @@ thread_local HandlerCall* t_pCurrent = nullptr;
 
 HandlerCall::HandlerCall(TarnConnectorImpl& connection)
     : m_Connection(connection)
+    , m_Input(connection.Input())
     , m_ulSession(connection.ServedSession())
+    , m_pOuter(t_pCurrent)
+{
+    t_pCurrent = this;
+}
+
+HandlerCall::HandlerCall(TarnConnectorImpl& connection, const InputBuffer& input)
+    : m_Connection(connection)
+    , m_Input(input)
+    , m_ulSession(connection.OpenSession())
     , m_pOuter(t_pCurrent)
 {
     t_pCurrent = this;

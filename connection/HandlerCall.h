@@ -3,20 +3,26 @@
 
 #include <cstdint>
 
+class InputBuffer;
 class TarnConnectorImpl;
 
-/// A call of a connection's handle_input or handle_output by the reactor, for as long as it lasts. Remembers
+/// A call of a connection's handle_input or handle_output by the reactor, or of its adapter by a transport's own
+/// receiving thread, for as long as it lasts. Remembers
 /// which opening of the connection it was made for: the connection may be closed and opened again meanwhile,
 /// and what the call does then must not reach the new descriptor.
 class HandlerCall
 {
 public:
     explicit HandlerCall(TarnConnectorImpl& connection);
+    /// A call by the transport's own thread, with a buffer of its own.
+    HandlerCall(TarnConnectorImpl& connection, const InputBuffer& input);
     ~HandlerCall();
     HandlerCall(const HandlerCall&) = delete;
     HandlerCall& operator=(const HandlerCall&) = delete;
 
     TarnConnectorImpl& Connection() const { return m_Connection; }
+    /// The bytes that are being framed.
+    const InputBuffer& Input() const { return m_Input; }
     /// The opening, counted from 1; 0: the connection was not being served any more when the call began.
     std::uint32_t Session() const { return m_ulSession; }
 
@@ -30,6 +36,7 @@ public:
 
 private:
     TarnConnectorImpl& m_Connection;
+    const InputBuffer& m_Input;
     const std::uint32_t m_ulSession;
     bool m_bInBuffers = true;
     HandlerCall* const m_pOuter;

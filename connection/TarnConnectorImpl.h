@@ -3,6 +3,7 @@
 
 #include "connection/DescriptorGuard.h"
 #include "connection/HookQueue.h"
+#include "connection/InputBuffer.h"
 #include "tarnadapterframe/ConnectionTypes.h"
 #include "tarnadapterframe/TarnLock.h"
 
@@ -203,7 +204,7 @@ public:
     /// Waits until everything that has been posted has been told. @return false when the time was over first
     bool WaitForHooks(std::chrono::milliseconds timeout) { return m_Hooks.WaitUntilDelivered(timeout); }
     /// Closes the connection if the session is still the open one.
-    void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
+    virtual void CloseSession(std::uint32_t ulSession) TARN_EXCLUDES(m_OpenMutex);
     /// Ends a session that was opened but cannot be served: closed, announced, and queued for reconnection.
     void BreakUnserved(std::uint32_t ulSession);
     /// Ends the session that is being served, if there is one: unregistered, closed (AUTO_CONNECT), announced,
@@ -224,8 +225,8 @@ public:
     void SetServed(bool bServed);
     bool IsServed() const { return m_ulServed != 0; }
     /// Whether the I/O manager's registry holds the connection, served by the reactor or not.
-    /// Bytes at the head of the read buffer that an earlier session has left. For handler calls.
-    std::size_t StaleInput() const { return m_uStaleInput; }
+    /// The read buffer. For handler calls.
+    const InputBuffer& Input() const { return m_Input; }
     void SetRegistered(bool bRegistered) { m_bRegistered = bRegistered; }
     bool IsRegistered() const { return m_bRegistered; }
     /// Waits until no reactor call of an earlier registration is left; the calling thread's own does not
@@ -248,6 +249,18 @@ protected:
     /// earlier session. Within the descriptor guard.
     ACE_HANDLE UsableHandle();
 
+    using OutQueue = ACE_Message_Queue<ACE_MT_SYNCH, ACE_Monotonic_Time_Policy>;
+    /// Frees a block of the out queue, which does not own its bytes.
+    static void FreeBlock(ACE_Message_Block* pBlock);
+
+    // Has a lock of its own. Its waits follow a steady clock, so that a change of the system's time delays no sender.
+    const std::unique_ptr<OutQueue> m_pOutQueue;
+    // What has been taken out of the queue to be sent. Touched only by the thread that sends: from handler calls, one
+    // at a time, or by a transport's own sending thread.
+    std::vector<unsigned char> m_WriteBuffer;
+
+    std::uint32_t AdapterProtocolID() const { return m_ulAdapterProtocolID; }
+
     // Held by attempts to connect for as long as they take, and by closings. Recursive: a closing that has
     // looked at the session first closes inside.
     TarnRecursiveThreadMutex m_OpenMutex;
@@ -257,7 +270,6 @@ protected:
 
 private:
     class Reference;
-    using OutQueue = ACE_Message_Queue<ACE_MT_SYNCH, ACE_Monotonic_Time_Policy>;
     struct OutputBlock
     {
         std::uint32_t ulThreadId; // who queued it
@@ -301,16 +313,11 @@ private:
     std::atomic<std::uint32_t> m_ulServed{0};
 
     // Touched only from handler calls, one at a time.
-    std::vector<unsigned char> m_ReadBuffer;
-    std::size_t m_uStaleInput = 0;            // bytes at its head that an earlier session has left
-    std::uint32_t m_ulInputSession = 0;       // in which the rest was received
-    std::vector<unsigned char> m_WriteBuffer; // the blocks being sent
-    std::size_t m_uWritten = 0;               // how much of them has been sent
-    std::deque<OutputBlock> m_WriteBlocks;    // those of which something is left
-    int m_nRepeats = 0;                       // results of 1 in a row
-
-    // Has a lock of its own. Its waits follow a steady clock, so that a change of the system's time delays no sender.
-    std::unique_ptr<OutQueue> m_pOutQueue;
+    InputBuffer m_Input;                   // the read buffer
+    std::uint32_t m_ulInputSession = 0;    // in which its last bytes were received
+    std::size_t m_uWritten = 0;            // how much of the write buffer has been sent
+    std::deque<OutputBlock> m_WriteBlocks; // those in it of which something is left
+    int m_nRepeats = 0;                    // results of 1 in a row
 
     TarnThreadMutex m_SendLock;
     bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;

@@ -1,0 +1,121 @@
+#include "connection/TESerialSendReactor.h"
+#include "connection/TarnSerialConnectorImpl.h"
+#include "core/ApplicationCall.h"
+#include "tarnadapterframe/TarnAdapterTrace.h"
+#include "tarnadapterframe/TraceHexData.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <new>
+
+/// @file
+/// Sending: the out queue of a serial connection.
+
+int TarnSerialConnectorImpl::AddAndSendData(const char* pData, int iLength)
+{
+    if (pData == nullptr)
+    {
+        TarnAdapterFrmtTrace(2, "TarnSerialConnectorImpl::AddAndSendData fail, input para pData=NULL\n");
+        return -1;
+    }
+    if (iLength <= 0)
+        return 0;
+    const auto uLength = static_cast<std::size_t>(iLength);
+    std::unique_ptr<char[]> pBytes(new (std::nothrow) char[uLength]);
+    ACE_Message_Block* pBlock =
+        pBytes != nullptr ? new (std::nothrow) ACE_Message_Block(pBytes.get(), uLength) : nullptr;
+    if (pBlock == nullptr)
+    {
+        TarnAdapterFrmtTrace(1, "new memory error in TEIOHandler::AddAdnSendData.\n");
+        return -1;
+    }
+    std::copy(pData, pData + iLength, pBytes.release());
+    if (!Enqueue(pBlock))
+    {
+        FreeBlock(pBlock);
+        TarnAdapterFrmtTrace(1, "TEIOHandler::AddAndSendData: out msg queue is full.\n");
+        return -1;
+    }
+    TESerialSendReactor* pReactor = TESerialSendReactor::Existing();
+    if (pReactor == nullptr || !pReactor->IsStarted())
+        LogMute();
+    else
+        pReactor->AddWriteEvent(this);
+    return 0;
+}
+
+/// Waits while the queue is full, for as long as there is somebody to empty it.
+bool TarnSerialConnectorImpl::Enqueue(ACE_Message_Block* pBlock)
+{
+    const ACE_Time_Value LOOK_AGAIN(1);
+    for (;;)
+    {
+        ACE_Time_Value deadline = m_pOutQueue->gettimeofday() + LOOK_AGAIN;
+        if (m_pOutQueue->enqueue(pBlock, &deadline) != -1)
+            return true;
+        TESerialSendReactor* pReactor = TESerialSendReactor::Existing();
+        if (errno != EWOULDBLOCK || pReactor == nullptr || !pReactor->IsServing(this))
+            return false;
+    }
+}
+
+void TarnSerialConnectorImpl::LogMute()
+{
+    if (!m_bMuteLogged.exchange(true))
+        TarnAdapterFrmtTrace(1,
+                             "TarnSerialConnectorImpl::AddAndSendData, the send reactor is not started "
+                             "(bEnableSerialCom), nothing is sent, Group = %d, TargetID = 0x%x\n",
+                             GetGroupID(), GetTargetID());
+}
+
+int TarnSerialConnectorImpl::WriteOutQueue(HANDLE hQuit)
+{
+    constexpr DWORD BLOCK_PAUSE_MS = 500;
+    const auto pSession = Session();
+    if (pSession == nullptr)
+        return -1;
+    for (bool bWritten = false; pSession->IsConnected();)
+    {
+        if (m_WriteBuffer.empty())
+        {
+            if (m_pOutQueue->is_empty() || !TakeNextBlock())
+                return 0;
+            if (bWritten && !pSession->Pause(BLOCK_PAUSE_MS, hQuit))
+                return 0;
+        }
+        const std::size_t uLength =
+            std::min<std::size_t>(m_WriteBuffer.size(), std::numeric_limits<int>::max());
+        TraceHexData(reinterpret_cast<const char*>(m_WriteBuffer.data()), static_cast<int>(uLength),
+                     TARN_TRACE_SEND_TO_NE, 0);
+        DWORD dwWritten = 0;
+        if (!pSession->WriteCommBlock(m_WriteBuffer.data(), static_cast<DWORD>(uLength), dwWritten))
+        {
+            TarnAdapterFrmtTrace(1, "TEIOHandler::Write, send data error!\n");
+            return -1;
+        }
+        m_WriteBuffer.erase(m_WriteBuffer.begin(), m_WriteBuffer.begin() + dwWritten);
+        bWritten = true;
+        if (dwWritten == 0)
+            return SEND_STALLED;
+    }
+    return -1;
+}
+
+/// Makes the first block of the out queue the one being sent. False when there is none, or no memory for it.
+bool TarnSerialConnectorImpl::TakeNextBlock()
+{
+    ACE_Message_Block* pBlock = nullptr;
+    ACE_Time_Value noWait(ACE_Time_Value::zero);
+    if (m_pOutQueue->dequeue(pBlock, &noWait) == -1)
+        return false;
+    const bool bCopied = WithMemory("TarnSerialConnectorImpl::WriteOutQueue", false, [&] {
+        m_WriteBuffer.assign(pBlock->base(), pBlock->base() + pBlock->size());
+        return true;
+    });
+    if (bCopied)
+        FreeBlock(pBlock);
+    else
+        m_pOutQueue->enqueue_head(pBlock, &noWait);
+    return bCopied;
+}
