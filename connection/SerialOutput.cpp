@@ -69,19 +69,20 @@ void TarnSerialConnectorImpl::LogMute()
                              GetGroupID(), GetTargetID());
 }
 
-int TarnSerialConnectorImpl::WriteOutQueue(HANDLE hQuit)
+int TarnSerialConnectorImpl::WriteOutQueue(DWORD& dwLaterMs)
 {
-    constexpr DWORD BLOCK_PAUSE_MS = 500;
+    constexpr DWORD STALLED_MS = 1000; // how long a line that takes nothing is left alone
     const auto pSession = Session();
     if (pSession == nullptr)
         return -1;
-    for (bool bWritten = false; pSession->IsConnected();)
+    while (pSession->IsConnected())
     {
         if (m_WriteBuffer.empty())
         {
-            if (m_pOutQueue->is_empty() || !TakeNextBlock())
-                return 0;
-            if (bWritten && !pSession->Pause(BLOCK_PAUSE_MS, hQuit))
+            dwLaterMs = RestOfPause();
+            if (dwLaterMs != 0)
+                return SEND_LATER;
+            if (!TakeNextBlock())
                 return 0;
         }
         const std::size_t uLength =
@@ -95,11 +96,24 @@ int TarnSerialConnectorImpl::WriteOutQueue(HANDLE hQuit)
             return -1;
         }
         m_WriteBuffer.erase(m_WriteBuffer.begin(), m_WriteBuffer.begin() + dwWritten);
-        bWritten = true;
+        m_bPausing = true;
+        m_dwWrittenAt = GetTickCount();
+        dwLaterMs = STALLED_MS;
         if (dwWritten == 0)
-            return SEND_STALLED;
+            return SEND_LATER;
     }
     return -1;
+}
+
+/// Milliseconds until the next block may be sent; 0 also when there is none, and then none has to wait.
+DWORD TarnSerialConnectorImpl::RestOfPause()
+{
+    constexpr DWORD BLOCK_PAUSE_MS = 500;
+    const DWORD dwPassed = GetTickCount() - m_dwWrittenAt;
+    if (m_bPausing && dwPassed < BLOCK_PAUSE_MS && !m_pOutQueue->is_empty())
+        return BLOCK_PAUSE_MS - dwPassed;
+    m_bPausing = false;
+    return 0;
 }
 
 /// Makes the first block of the out queue the one being sent. False when there is none, or no memory for it.
@@ -107,7 +121,7 @@ bool TarnSerialConnectorImpl::TakeNextBlock()
 {
     ACE_Message_Block* pBlock = nullptr;
     ACE_Time_Value noWait(ACE_Time_Value::zero);
-    if (m_pOutQueue->dequeue(pBlock, &noWait) == -1)
+    if (m_pOutQueue->is_empty() || m_pOutQueue->dequeue(pBlock, &noWait) == -1)
         return false;
     const bool bCopied = WithMemory("TarnSerialConnectorImpl::WriteOutQueue", false, [&] {
         m_WriteBuffer.assign(pBlock->base(), pBlock->base() + pBlock->size());

@@ -62,19 +62,16 @@ SerialSession::~SerialSession()
     if (m_hPort != INVALID_HANDLE_VALUE)
         CloseHandle(m_hPort); // closed already, as a rule
     CloseIfOpen(m_hWatchThread);
-    for (HANDLE* pEvent :
-         {&m_hStarted, &m_hWatchEnded, &m_hEnded, &m_hCommEvent, &m_Write.hEvent, &m_Read.hEvent})
+    for (HANDLE* pEvent : {&m_hStarted, &m_hWatchEnded, &m_hCommEvent, &m_Write.hEvent, &m_Read.hEvent})
         CloseIfOpen(*pEvent);
 }
 
 bool SerialSession::CreateEvents()
 {
     m_hWatchEnded = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    m_hEnded = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     m_Write.hEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     m_Read.hEvent = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    return m_hWatchEnded != nullptr && m_hEnded != nullptr && m_Write.hEvent != nullptr &&
-           m_Read.hEvent != nullptr;
+    return m_hWatchEnded != nullptr && m_Write.hEvent != nullptr && m_Read.hEvent != nullptr;
 }
 
 bool SerialSession::OpenConnection(const SerialSettings& settings, InputBuffer& leftOver)
@@ -195,7 +192,6 @@ void SerialSession::End()
     m_bConnected = false;
     SetCommMask(m_hPort, 0);
     AbortWrite();
-    SetEvent(m_hEnded);
     SetEvent(m_hCommEvent);
 }
 
@@ -227,12 +223,6 @@ void SerialSession::CloseConnection()
 void SerialSession::ClosePort()
 {
     CloseHandle(m_hPort);
-}
-
-bool SerialSession::Pause(DWORD dwMilliseconds, HANDLE hQuit)
-{
-    const HANDLE reasons[] = {m_hEnded, hQuit};
-    return WaitForMultipleObjects(hQuit != nullptr ? 2 : 1, reasons, FALSE, dwMilliseconds) == WAIT_TIMEOUT;
 }
 
 void SerialSession::EndAllWatches()

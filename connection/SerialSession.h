@@ -25,7 +25,7 @@ struct SerialSettings
 /// another one, so that a thread that could not be ended touches nothing of it.
 ///
 /// **Threads.** The opener calls OpenConnection; the watch thread receives and frames; the send thread calls
-/// WriteCommBlock and Pause; any thread ends the session by End, waits, and closes the port. All handles are
+/// WriteCommBlock; any thread ends the session by End, waits, and closes the port. All handles are
 /// created before the watch thread begins to receive, and given up with the session: closed under somebody's hands,
 /// they refuse him.
 ///
@@ -67,9 +67,6 @@ public:
     bool WriteCommBlock(const unsigned char* pBuffer, DWORD dwLength, DWORD& dwWritten);
     /// Ends a write under way.
     void AbortWrite() { PurgeComm(m_hPort, PURGE_TXABORT); }
-    /// Waits; until the session is over, or hQuit is signalled, at most. @return false when one of them was the reason
-    bool Pause(DWORD dwMilliseconds, HANDLE hQuit);
-
     /// Ends all sessions there are and waits for their watch threads; the ports stay open.
     static void EndAllWatches();
 
@@ -99,7 +96,6 @@ private:
     HANDLE m_hWatchThread = nullptr;
     std::atomic<DWORD> m_dwWatchThreadId{0};
     HANDLE m_hWatchEnded = nullptr; // manual: more than one thread may wait for it
-    HANDLE m_hEnded = nullptr;      // the session is over
     HANDLE m_hCommEvent = nullptr;  // the watch thread's, of its wait for the port
 
     std::atomic<bool> m_bConnected{false};

@@ -13,8 +13,13 @@ namespace {
 
 constexpr DWORD LEAVE_MS = 30'000;
 constexpr DWORD ABORTED_LEAVE_MS = 5'000;
-// How long a line that takes nothing is left alone.
-constexpr DWORD STALLED_MS = 1'000;
+constexpr DWORD FAILED_WAIT_MS = 1'000;
+
+/// Ticks start again at 0 some day.
+bool IsDue(DWORD dwDue, DWORD dwNow)
+{
+    return static_cast<std::int32_t>(dwDue - dwNow) <= 0;
+}
 
 std::atomic<TESerialSendReactor*> g_pReactor{nullptr};
 
@@ -197,7 +202,7 @@ TESerialSendReactor::Entry* TESerialSendReactor::FindActive(const TarnSerialConn
     return nullptr;
 }
 
-int TESerialSendReactor::AddWriteEvent(TarnSerialConnectorImpl* pSerialIOHandle)
+int TESerialSendReactor::AddWriteEvent(const TarnSerialConnectorImpl* pSerialIOHandle)
 {
     if (pSerialIOHandle == nullptr)
     {
@@ -240,7 +245,7 @@ void TESerialSendReactor::SendLoop()
     for (;;)
     {
         const DWORD dwWoken =
-            WaitForMultipleObjects(static_cast<DWORD>(m_nWait), m_aWait.data(), FALSE, RetryWait());
+            WaitForMultipleObjects(static_cast<DWORD>(m_nWait), m_aWait.data(), FALSE, WaitForLater());
         if (dwWoken == WAIT_OBJECT_0 + QUIT)
             return;
         if (dwWoken == WAIT_OBJECT_0 + CHANGE)
@@ -248,25 +253,45 @@ void TESerialSendReactor::SendLoop()
         else if (dwWoken < WAIT_OBJECT_0 + static_cast<DWORD>(m_nWait))
             ProcessWriteEvent(static_cast<int>(dwWoken - WAIT_OBJECT_0));
         else if (dwWoken == WAIT_FAILED)
-            Sleep(STALLED_MS); // without memory
-        if (RetryWait() == 0)
-            RetryStalled();
+            Sleep(FAILED_WAIT_MS); // without memory
+        RaiseLater();
     }
 }
 
-/// Milliseconds until lines that took nothing are tried again.
-DWORD TESerialSendReactor::RetryWait()
+/// Notes that a line asks for another turn.
+void TESerialSendReactor::SendLater(TarnSerialConnectorImpl* pConnector, DWORD dwLaterMs)
 {
-    if (m_Stalled.empty())
-        return INFINITE;
-    const DWORD dwPassed = GetTickCount() - m_dwStalledSince;
-    return dwPassed < STALLED_MS ? STALLED_MS - dwPassed : 0;
+    const bool bNoted = WithMemory("TESerialSendReactor::SendLater", false, [&] {
+        m_Later[pConnector] = GetTickCount() + dwLaterMs;
+        return true;
+    });
+    if (!bNoted)
+        AddWriteEvent(pConnector);
 }
 
-void TESerialSendReactor::RetryStalled()
+/// Milliseconds until the first of those who asked for another turn gets it.
+DWORD TESerialSendReactor::WaitForLater() const
 {
-    for (TarnSerialConnectorImpl* pConnector : std::exchange(m_Stalled, {}))
-        AddWriteEvent(pConnector); // not found, when it has been unregistered
+    DWORD dwWait = INFINITE;
+    const DWORD dwNow = GetTickCount();
+    for (const auto& [pConnector, dwDue] : m_Later)
+        dwWait = std::min(dwWait, IsDue(dwDue, dwNow) ? 0 : dwDue - dwNow);
+    return dwWait;
+}
+
+void TESerialSendReactor::RaiseLater()
+{
+    const DWORD dwNow = GetTickCount();
+    for (auto it = m_Later.begin(); it != m_Later.end();)
+    {
+        if (!IsDue(it->second, dwNow))
+        {
+            ++it;
+            continue;
+        }
+        AddWriteEvent(it->first); // not found, when it has been unregistered
+        it = m_Later.erase(it);
+    }
 }
 
 void TESerialSendReactor::RebuildHandles()
@@ -304,15 +329,9 @@ int TESerialSendReactor::ProcessWriteEvent(int iIndex)
     TarnSerialConnectorImpl* pConnector = TakeConnector(iIndex, hEvent);
     if (pConnector == nullptr)
         return 0;
-    if (pConnector->WriteOutQueue(m_hQuit) == TarnSerialConnectorImpl::SEND_STALLED)
-    {
-        if (m_Stalled.empty())
-            m_dwStalledSince = GetTickCount();
-        WithMemory("TESerialSendReactor::ProcessWriteEvent", false, [&] {
-            m_Stalled.push_back(pConnector);
-            return true;
-        });
-    }
+    DWORD dwLaterMs = 0;
+    if (pConnector->WriteOutQueue(dwLaterMs) == TarnSerialConnectorImpl::SEND_LATER)
+        SendLater(pConnector, dwLaterMs);
     ReleaseConnector(pConnector);
     return 0;
 }

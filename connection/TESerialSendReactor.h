@@ -6,7 +6,7 @@
 
 #include <array>
 #include <atomic>
-#include <vector>
+#include <map>
 
 class TarnSerialConnectorImpl;
 
@@ -50,7 +50,7 @@ public:
     /// @return 0; -1 null, or not registered
     int UnRegisterHandle(TarnSerialConnectorImpl* pSerialIOHandle) TARN_EXCLUDES(m_EntryLock);
     /// Has the connection's out queue drained soon. @return 0; -1 null, or not registered
-    int AddWriteEvent(TarnSerialConnectorImpl* pSerialIOHandle) TARN_EXCLUDES(m_EntryLock);
+    int AddWriteEvent(const TarnSerialConnectorImpl* pSerialIOHandle) TARN_EXCLUDES(m_EntryLock);
     /// True when there is a thread, and the connection is registered.
     bool IsServing(const TarnSerialConnectorImpl* pSerialIOHandle) TARN_EXCLUDES(m_EntryLock);
 
@@ -70,11 +70,12 @@ private:
 
     static DWORD ThreadProc(void* pReactor);
     void SendLoop();
-    DWORD RetryWait();
+    DWORD WaitForLater() const;
+    void SendLater(TarnSerialConnectorImpl* pConnector, DWORD dwLaterMs);
+    void RaiseLater();
     int ProcessWriteEvent(int iIndex) TARN_EXCLUDES(m_EntryLock);
     TarnSerialConnectorImpl* TakeConnector(int iIndex, HANDLE hEvent) TARN_EXCLUDES(m_EntryLock);
     void ReleaseConnector(TarnSerialConnectorImpl* pConnector) TARN_EXCLUDES(m_EntryLock);
-    void RetryStalled();
     void RebuildHandles() TARN_EXCLUDES(m_EntryLock);
     void RebuildLocked() TARN_REQUIRES(m_EntryLock);
     Entry* FindActive(const TarnSerialConnectorImpl* pConnector) TARN_REQUIRES(m_EntryLock);
@@ -91,9 +92,8 @@ private:
     std::array<HANDLE, MAXIMUM_WAIT_OBJECTS> m_aWait{};
     int m_nWait = 0;
 
-    // Touched by the send thread only: lines that took nothing, not to be dereferenced, and when they are tried again.
-    std::vector<TarnSerialConnectorImpl*> m_Stalled;
-    DWORD m_dwStalledSince = 0;
+    // Touched by the send thread only: who asked for another turn, and when (as GetTickCount tells it). They may be gone.
+    std::map<const TarnSerialConnectorImpl*, DWORD> m_Later;
 
     TarnRWThreadMutex m_EntryLock;
     std::array<Entry, MAXIMUM_WAIT_OBJECTS> m_aEntries TARN_GUARDED_BY(m_EntryLock){};

@@ -35,12 +35,13 @@ public:
     int SendData(const char* pBuf, int iLength) override;
     int RecvData(char* pBuf, int iLength) override;
 
-    /// Sends what is queued, for the send reactor's thread only.
-    /// @param hQuit  ends it early when it is signalled; what is left stays queued. May be null
-    /// @return 0 all sent, or ended early; -1 failed, what is left is tried again with the next block; SEND_STALLED
-    int WriteOutQueue(HANDLE hQuit);
-    /// Result of WriteOutQueue: the line has taken nothing for as long as a write may last.
-    static constexpr int SEND_STALLED = 1;
+    /// Sends what is queued, block by block with a pause of half a second in between, for the send reactor's thread only.
+    /// It does not wait for the end of a pause, so that other lines have their turn meanwhile.
+    /// @param dwLaterMs  when to call again, in milliseconds, for SEND_LATER
+    /// @return 0 all sent; -1 failed, what is left is tried again with the next block; SEND_LATER
+    int WriteOutQueue(DWORD& dwLaterMs);
+    /// Result of WriteOutQueue: the next block has to wait, or the line has taken nothing for as long as a write may last.
+    static constexpr int SEND_LATER = 1;
     /// Ends a write under way, of whichever session.
     void AbortWrite();
 
@@ -57,6 +58,7 @@ private:
         TARN_EXCLUDES(m_OpenMutex);
     std::shared_ptr<SerialSession> Session();
     void SetSession(std::shared_ptr<SerialSession> pSession);
+    DWORD RestOfPause();
     bool TakeNextBlock();
     bool Enqueue(ACE_Message_Block* pBlock);
     void LogMute();
@@ -72,6 +74,10 @@ private:
     // whose watch thread has not been waited for; null when there is none.
     std::mutex m_SessionMutex;
     std::shared_ptr<SerialSession> m_pSession;
+
+    // The send thread's: a block has been sent, and when; if there is another one, it waits.
+    bool m_bPausing = false;
+    DWORD m_dwWrittenAt = 0;
 
     std::atomic<bool> m_bMuteLogged{false};
 };
