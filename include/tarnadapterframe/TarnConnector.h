@@ -68,10 +68,12 @@ public:
     /// Gives the transport its parameters; what the elements point to is copied. TCP: exactly two, an
     /// IPv4 address (std::uint32_t, host byte order) and a port (std::uint16_t, host byte order). TLS: these two and a
     /// TARN_SSL_Option (tarn_ssl.h); more are ignored, and the address is taken even when the option is null.
-    /// @return 0; -1 for a wrong number of parameters; -2 for one that is null
+    /// Serial: exactly two, the port's name (text ended by a zero byte; null leaves the name as it is) and the baud rate
+    /// (int); Connect refuses what cannot be opened, or no rate of termios(3). They count from the next opening on.
+    /// @return 0; -1 for a wrong number of parameters; -2 for one that is null (serial: -1)
     int InitCommuPara(std::vector<void*>& vctParas);
-    /// Reports the transport's parameters. TCP and TLS: type, IPv4 address and port in host byte order; the others are
-    /// empty and 0. @return false without transport
+    /// Reports the transport's parameters, and all others empty or 0. TCP and TLS: type, IPv4 address and port in host
+    /// byte order. Serial: type, the port's name as the third text, and the baud rate. @return false without transport
     bool GetCommuPara(ECommuProtocolType& eType, unsigned long& ulIP, unsigned short& usPort,
                       std::string& strFirst, std::string& strSecond, std::string& strThird,
                       unsigned long& ulNumber);

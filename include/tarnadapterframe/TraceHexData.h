@@ -3,7 +3,7 @@
 
 /// @file
 /// The trace of the bytes exchanged with network elements. Connections call TraceHexData for every block they send, and for
-/// received bytes that are discarded; adapters call it for the messages that they find in received bytes, since only they know
+/// received bytes that are discarded (serial lines for all that they receive); adapters call it for the messages that they find in received bytes, since only they know
 /// where one ends. An application may take the trace over with a callback.
 
 #include "tarnadapterframe/Export.h"
