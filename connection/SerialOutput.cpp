@@ -98,9 +98,11 @@ int TarnSerialConnectorImpl::WriteOutQueue(DWORD& dwLaterMs)
         m_WriteBuffer.erase(m_WriteBuffer.begin(), m_WriteBuffer.begin() + dwWritten);
         m_bPausing = true;
         m_dwWrittenAt = GetTickCount();
-        dwLaterMs = STALLED_MS;
-        if (dwWritten == 0)
+        if (dwWritten < uLength) // others have their turn before the rest
+        {
+            dwLaterMs = dwWritten == 0 ? STALLED_MS : 0;
             return SEND_LATER;
+        }
     }
     return -1;
 }

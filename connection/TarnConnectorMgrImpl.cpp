@@ -93,8 +93,12 @@ TarnConnectorMgrImpl::~TarnConnectorMgrImpl()
                 key.iGroupID, key.ulTargetID);
         m_mapConnector.clear();
     }
-    const TarnWriteGuard guard(m_RubbishLock);
-    for (TarnConnectorImpl* pConnector : m_lstRubbish)
+    std::list<TarnConnectorImpl*> retired;
+    {
+        const TarnWriteGuard guard(m_RubbishLock);
+        retired.swap(m_lstRubbish);
+    }
+    for (TarnConnectorImpl* pConnector : retired)
     {
         pConnector->ForgetReferences();
         delete pConnector;

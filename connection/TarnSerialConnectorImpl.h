@@ -40,7 +40,7 @@ public:
     /// @param dwLaterMs  when to call again, in milliseconds, for SEND_LATER
     /// @return 0 all sent; -1 failed, what is left is tried again with the next block; SEND_LATER
     int WriteOutQueue(DWORD& dwLaterMs);
-    /// Result of WriteOutQueue: the next block has to wait, or the line has taken nothing for as long as a write may last.
+    /// Result of WriteOutQueue: the next block has to wait, or the line has not taken all for as long as a write may last.
     static constexpr int SEND_LATER = 1;
     /// Ends a write under way, of whichever session.
     void AbortWrite();

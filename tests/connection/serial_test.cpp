@@ -157,14 +157,14 @@ TEST_F(Serial, ALineIsServedByTheManagerAsAnyConnection)
     const std::set<int> before = Threads();
     const int nDescriptors = DescriptorCount();
     LineConnector connector(1, line.Port(), 115200);
-    EXPECT_EQ(connector.Register(true, 1), 0);
-    EXPECT_TRUE(WaitUntil([&] { return connector.nOpened == 1; }));
     std::atomic<bool> bFound{false};
     pAdapter->onFraming = [&](ACE_HANDLE handle) {
         std::size_t uStale = 1;
         const TarnConnectorGuard framed(TarnConnectorMgr::Instance()->GetFramedConnector(uStale));
         bFound = framed.Get() == &connector && uStale == 0 && handle == connector.Handle();
     };
+    EXPECT_EQ(connector.Register(true, 1), 0);
+    EXPECT_TRUE(WaitUntil([&] { return connector.nOpened == 1; }));
     EXPECT_EQ(connector.Send(7, "question"), 0);
     EXPECT_EQ(line.Receive(16), Element::Frame(7, "question"));
     // Byte by byte, and several at once, more than a chunk.
@@ -311,9 +311,9 @@ TEST_F(Serial, ADeviceThatGoesAwayAndComesBackIsFoundByTheNextOpening)
     };
     plugIn();
     LineConnector connector(1, strLink);
-    EXPECT_EQ(connector.Register(true, 1), 0);
     std::atomic<int> nFramings{0};
     pAdapter->onFraming = [&](ACE_HANDLE) { ++nFramings; };
+    EXPECT_EQ(connector.Register(true, 1), 0);
     const int nDescriptors = DescriptorCount();
     Manager().StopConnectThreads();
     const std::size_t uThreads = Threads().size();
