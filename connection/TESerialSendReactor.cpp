@@ -178,10 +178,10 @@ int TESerialSendReactor::UnRegisterHandle(TarnSerialConnectorImpl* pSerialIOHand
     HANDLE hChange = nullptr;
     {
         const TarnWriteGuard guard(m_EntryLock);
-        Entry* pEntry = FindActive(pSerialIOHandle);
+        const Entry* pEntry = FindActiveLocked(pSerialIOHandle);
         if (pEntry == nullptr)
             return -1;
-        pEntry->bActive = false;
+        m_aEntries[static_cast<std::size_t>(pEntry - m_aEntries.data())].bActive = false;
         hChange = m_aEntries[CHANGE].hEvent;
         if (hChange == nullptr)
             RebuildLocked(); // there is no thread that would
@@ -191,11 +191,12 @@ int TESerialSendReactor::UnRegisterHandle(TarnSerialConnectorImpl* pSerialIOHand
     return 0;
 }
 
-TESerialSendReactor::Entry* TESerialSendReactor::FindActive(const TarnSerialConnectorImpl* pConnector)
+const TESerialSendReactor::Entry*
+TESerialSendReactor::FindActiveLocked(const TarnSerialConnectorImpl* pConnector) const
 {
     for (int i = FIRST; i < m_nEntries; ++i)
     {
-        Entry& entry = m_aEntries[static_cast<std::size_t>(i)];
+        const Entry& entry = m_aEntries[static_cast<std::size_t>(i)];
         if (entry.pConnector == pConnector && entry.bActive)
             return &entry;
     }
@@ -210,14 +211,14 @@ int TESerialSendReactor::AddWriteEvent(const TarnSerialConnectorImpl* pSerialIOH
         return -1;
     }
     const TarnReadGuard guard(m_EntryLock);
-    const Entry* pEntry = FindActive(pSerialIOHandle);
+    const Entry* pEntry = FindActiveLocked(pSerialIOHandle);
     return pEntry != nullptr && SetEvent(pEntry->hEvent) != FALSE ? 0 : -1;
 }
 
 bool TESerialSendReactor::IsServing(const TarnSerialConnectorImpl* pSerialIOHandle)
 {
     const TarnReadGuard guard(m_EntryLock);
-    return m_bStarted && FindActive(pSerialIOHandle) != nullptr;
+    return m_bStarted && FindActiveLocked(pSerialIOHandle) != nullptr;
 }
 
 DWORD TESerialSendReactor::ThreadProc(void* pReactor)

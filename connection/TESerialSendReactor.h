@@ -78,7 +78,8 @@ private:
     void ReleaseConnector(TarnSerialConnectorImpl* pConnector) TARN_EXCLUDES(m_EntryLock);
     void RebuildHandles() TARN_EXCLUDES(m_EntryLock);
     void RebuildLocked() TARN_REQUIRES(m_EntryLock);
-    Entry* FindActive(const TarnSerialConnectorImpl* pConnector) TARN_REQUIRES(m_EntryLock);
+    const Entry* FindActiveLocked(const TarnSerialConnectorImpl* pConnector) const
+        TARN_REQUIRES_SHARED(m_EntryLock);
     void AbortDrain() TARN_EXCLUDES(m_EntryLock);
 
     // Constant after Start.

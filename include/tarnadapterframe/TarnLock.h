@@ -24,8 +24,9 @@
 #define TARN_SCOPED_CAPABILITY TARN_THREAD_ANNOTATION(scoped_lockable)
 /// The member may only be touched with the lock held (shared: read).
 #define TARN_GUARDED_BY(lock) TARN_THREAD_ANNOTATION(guarded_by(lock))
-/// The function wants the locks held by its caller.
+/// The function wants the locks held by its caller (shared: for reading at least).
 #define TARN_REQUIRES(...) TARN_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define TARN_REQUIRES_SHARED(...) TARN_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 #define TARN_RETURN_CAPABILITY(lock) TARN_THREAD_ANNOTATION(lock_returned(lock))
 /// The function takes the locks itself, so its caller must not hold them.
 #define TARN_EXCLUDES(...) TARN_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
