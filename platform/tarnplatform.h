@@ -2,11 +2,14 @@
 #define TARN_PLATFORM_TARNPLATFORM_H
 
 /// @file
-/// The kernel and serial functions that the library calls, under their own names and with their own result
-/// rules. On Windows they are the system's; elsewhere this layer implements exactly what is called and nothing
-/// more. A function that fails leaves the reason with GetLastError.
+/// The kernel and serial functions and those of OSI sockets that the library calls, under their own names and with
+/// their own result rules. On Windows they are the system's; elsewhere this layer implements exactly what is called and
+/// nothing more. A function that fails leaves the reason with GetLastError, those of sockets with WSAGetLastError.
 
 #if defined(_WIN32)
+#include <winsock2.h>
+#include <wshisotp.h>
+
 #include <windows.h>
 
 /// The number under which a port's handle can be looked up.
@@ -18,6 +21,8 @@ inline HANDLE PortDescriptor(HANDLE hPort)
 
 #include <cstddef>
 #include <cstdint>
+
+struct sockaddr;
 
 // ACE defines these as macros, as 0, where nobody has done so before.
 #undef MAXIMUM_WAIT_OBJECTS
@@ -226,6 +231,55 @@ BOOL WriteFile(HANDLE hPort, const void* pBuffer, DWORD dwLength, DWORD* pWritte
 /// The result of a read or write. A write that is under way goes on, if bWait is set until it is done, its time is over
 /// (the bytes taken are told, and the last error is ETIMEDOUT) or it is ended: ERROR_OPERATION_ABORTED.
 BOOL GetOverlappedResult(HANDLE hPort, OVERLAPPED* pOverlapped, DWORD* pTransferred, BOOL bWait);
+
+// --- OSI sockets ---
+//
+// This system has no OSI transport. A stand-in takes the place of its provider: each transport address is a local
+// socket (unix(7)), a file in the directory that the environment variable TARN_TP4_DIR names, else /run/tarn-tp4;
+// platform/Tp4File.h tells its name. Bytes arrive complete and in order, but boundaries of messages are not kept, and
+// nothing leaves the host by itself. A relay such as tarn-tp4 behind the file leads on.
+
+/// A descriptor: it is read, written and waited for as any other.
+using SOCKET = int;
+constexpr SOCKET INVALID_SOCKET = -1;
+constexpr int SOCKET_ERROR = -1;
+
+constexpr int AF_ISO = 7;
+constexpr int ISOPROTO_TP4 = 29;
+constexpr WORD ISO_HIERARCHICAL = 0;
+constexpr int ISO_MAX_ADDR_LENGTH = 64;
+
+/// A transport address: a transport selector, and the network address behind it.
+struct SOCKADDR_TP
+{
+    WORD tp_family;                    ///< AF_ISO
+    WORD tp_addr_type;                 ///< ISO_HIERARCHICAL
+    WORD tp_taddr_len;                 ///< bytes of selector and network address together
+    WORD tp_tsel_len;                  ///< bytes of the selector
+    BYTE tp_addr[ISO_MAX_ADDR_LENGTH]; ///< the selector, then the network address; any bytes
+};
+static_assert(sizeof(SOCKADDR_TP) == 72, "the layout is the provider's");
+
+/// Creates a blocking, close-on-exec socket. WSAGetLastError after a failure: EAFNOSUPPORT, another family, or there
+/// is no provider: its directory is missing; ESOCKTNOSUPPORT and EPROTONOSUPPORT, another type or protocol; EINVAL,
+/// one of the others is not null or 0; what socket(2) gives, EMFILE say.
+/// @param iFamily, iType, iProtocol  AF_ISO, SOCK_SEQPACKET, ISOPROTO_TP4  @param pProtocolInfo …  null, 0, 0
+SOCKET WSASocketA(int iFamily, int iType, int iProtocol, void* pProtocolInfo, unsigned uGroup, DWORD dwFlags);
+
+/// Connects a blocking socket; it is blocking again on return. WSAGetLastError after a failure, which leaves the
+/// socket to be closed: EINVAL, the address is malformed (its size, family or type is another one, or its lengths
+/// contradict each other); ECONNREFUSED, nobody listens at the address; ETIMEDOUT, somebody listens, but has had no
+/// room for another connection for 10 seconds; EACCES, the user may not connect there; EPROTOTYPE, who listens
+/// there listens for something else; EISCONN, EBADF, ENOTSOCK, the socket is connected or is none; ENOMEM.
+/// @param pCallerData …  null: no data with the connection, no quality of service
+int WSAConnect(SOCKET hSocket, const sockaddr* pAddress, int iLength, void* pCallerData, void* pCalleeData,
+               void* pServiceQuality, void* pGroupQuality);
+
+/// EBADF: it is no descriptor. It is closed in any other case.
+int closesocket(SOCKET hSocket);
+
+/// Why the calling thread's last failed call on a socket failed: its errno(3).
+int WSAGetLastError();
 
 #endif
 
