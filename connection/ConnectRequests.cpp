@@ -50,7 +50,7 @@ bool TarnConnectorMgrImpl::TryConnectTarget(TarnConnectorImpl* pConnector, int n
             pConnector->SetDisconnectedIfConnected();
             return nFailed == 0;
         }
-        if (pConnector->Connect() == 0)
+        if (pConnector->ConnectQueued() == 0)
         {
             FinishOpened(pConnector);
             return true;

@@ -124,7 +124,7 @@ void TarnConnectorMgrImpl::ServeTarget(const ConnectTargetKey& key, CConnectorIm
         AbandonTarget(key, info);
     else if (PauseUntilDue(info, uWorkSeen))
         ReleaseRecord(info, false);
-    else if (connector.Connect() == 0)
+    else if (connector.ConnectQueued() == 0)
         AfterSuccess(key, info);
     else
         AfterFailure(key, info);

@@ -88,28 +88,31 @@ int TarnConnectorImpl::RecvData(char* pBuf, int iLength)
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::RecvData fail, input para pBuf=NULL\n");
         return -1;
     }
-    ssize_t iReceived = -1;
-    int iError = EBADF;
-    {
-        const DescriptorGuard::Use use(m_DescriptorGuard);
-        const ACE_HANDLE handle = UsableHandle();
-        if (handle != ACE_INVALID_HANDLE)
-        {
-            // recv and not read: a stale number must not reach a file of the host.
-            iReceived = ACE::recv(handle, pBuf, static_cast<std::size_t>(iLength), 0,
-                                  static_cast<const ACE_Time_Value*>(nullptr));
-            iError = errno;
-        }
-    }
+    int iError = 0;
+    const int iReceived = ReceiveOnce(pBuf, iLength, iError);
     if (iReceived > 0)
-        return static_cast<int>(iReceived);
+        return iReceived;
     if (iReceived < 0 && IsWouldBlock(iError))
         return 0;
     if (iReceived == 0)
         TarnAdapterFrmtTrace(1, "Port close ; errno : %d \n", iError);
     else
-        TarnAdapterFrmtTrace(1, "recv: %d, errno=%d, Group = %d, TargetID = 0x%x\n",
-                             static_cast<int>(iReceived), iError, GetGroupID(), GetTargetID());
+        TarnAdapterFrmtTrace(1, "recv: %d, errno=%d, Group = %d, TargetID = 0x%x\n", iReceived, iError,
+                             GetGroupID(), GetTargetID());
     errno = iError;
     return -1;
+}
+
+int TarnConnectorImpl::ReceiveOnce(char* pBuf, int iLength, int& iError)
+{
+    iError = EBADF;
+    const DescriptorGuard::Use use(m_DescriptorGuard);
+    const ACE_HANDLE handle = UsableHandle();
+    if (handle == ACE_INVALID_HANDLE)
+        return -1;
+    // recv and not read: a stale number must not reach a file of the host.
+    const ssize_t iReceived = ACE::recv(handle, pBuf, static_cast<std::size_t>(iLength), 0,
+                                        static_cast<const ACE_Time_Value*>(nullptr));
+    iError = errno;
+    return static_cast<int>(iReceived);
 }

@@ -205,11 +205,23 @@ int TarnConnectorImpl::SendData(const char* pBuf, int iLength)
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::SendData fail, input para pBuf=NULL\n");
         return -1;
     }
+    int iError = 0;
+    const int iSent = SendAll(pBuf, iLength, iError);
+    if (iSent >= 0)
+        return iSent;
+    TarnAdapterFrmtTrace(1, "TarnConnectorImpl(0x%x) SendData fail, errno=%d when write ret=-1\n",
+                         GetHandle(), iError);
+    errno = iError;
+    return -1;
+}
+
+int TarnConnectorImpl::SendAll(const char* pBuf, int iLength, int& iError)
+{
     int iSent = 0;
     while (iSent < iLength)
     {
         ssize_t iTaken = -1;
-        int iError = EBADF;
+        iError = EBADF;
         {
             const DescriptorGuard::Use use(m_DescriptorGuard);
             const ACE_HANDLE handle = UsableHandle();
@@ -221,17 +233,9 @@ int TarnConnectorImpl::SendData(const char* pBuf, int iLength)
                 iError = errno;
             }
         }
-        if (iTaken >= 0)
-        {
-            iSent += static_cast<int>(iTaken);
-            continue;
-        }
-        if (IsWouldBlock(iError))
-            return iSent;
-        TarnAdapterFrmtTrace(1, "TarnConnectorImpl(0x%x) SendData fail, errno=%d when write ret=-1\n",
-                             GetHandle(), iError);
-        errno = iError;
-        return -1;
+        if (iTaken < 0)
+            return IsWouldBlock(iError) ? iSent : -1;
+        iSent += static_cast<int>(iTaken);
     }
     return iSent;
 }

@@ -3,6 +3,7 @@
 #include "connection/TarnSerialConnectorImpl.h"
 #include "connection/TarnTCPConnectorImpl.h"
 #include "connection/TarnTCPSSLConnectorImpl.h"
+#include "connection/TarnTP4ConnectorImpl.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
 #include <new>
@@ -28,14 +29,19 @@ const char* TransportName(ECommuProtocolType eType)
 
 std::unique_ptr<TarnConnectorImpl> New(ECommuProtocolType eType, TarnConnector* pOwner)
 {
-    // The other transports are not part of the library yet: they count as not to be created.
-    if (eType == TCP_TYPE)
+    switch (eType)
+    {
+    case TCP_TYPE:
         return std::make_unique<TarnTCPConnectorImpl>(pOwner);
-    if (eType == SERIAL_TYPE)
+    case TP4_TYPE:
+        return std::make_unique<TarnTP4ConnectorImpl>(pOwner);
+    case SERIAL_TYPE:
         return std::make_unique<TarnSerialConnectorImpl>(pOwner);
-    if (eType == TCP_SSL_TYPE)
+    case TCP_SSL_TYPE:
         return std::make_unique<TarnTCPSSLConnectorImpl>(pOwner);
-    return nullptr;
+    default:
+        return nullptr;
+    }
 }
 
 } // namespace

@@ -99,9 +99,12 @@ public:
     virtual bool GetCommuPara(ECommuProtocolType& eType, unsigned long& ulIP, unsigned short& usPort,
                               std::string& strFirst, std::string& strSecond, std::string& strThird,
                               unsigned long& ulNumber) = 0;
-    /// Opens the connection unless it is open. Attempts and closings run one after the other.
+    /// Opens the connection; what becomes of one that is open is the transport's. Attempts and closings run one
+    /// after the other.
     /// @return 0 open, -1 failed
     virtual int Connect() = 0;
+    /// The same for an attempt that has waited for its turn: on a connection that is open by then it is done.
+    virtual int ConnectQueued() { return Connect(); }
     /// Closes the connection. @return 0 closed, -1 it did not close
     virtual int DisConnect() = 0;
 
@@ -245,6 +248,10 @@ protected:
         TARN_EXCLUDES(m_RegistrationMutex, m_DescriptorGuard) TARN_REQUIRES(m_OpenMutex);
     /// Has the reactor announce that the socket takes bytes, or not.
     void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
+    /// Receives once, of the calling thread's session. @return bytes, 0 at the end, or -1 with the error
+    int ReceiveOnce(char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
+    /// Sends until all is sent or the socket takes no more now. @return bytes sent, or -1 with the error
+    int SendAll(const char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
     /// The handle for one non-blocking call; invalid when the calling thread's handler call belongs to an
     /// earlier session. Within the descriptor guard.
     ACE_HANDLE UsableHandle();

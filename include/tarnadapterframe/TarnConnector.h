@@ -43,7 +43,8 @@ public:
     TarnConnector& operator=(const TarnConnector&) = delete;
 
     /// Opens the connection and returns when it is open or has failed, after the connect timeout at the
-    /// latest. For connections that their owner opens (AUTO_CONNECT clear); an open one is left as it is.
+    /// latest (TP4: after 10 seconds). For connections that their owner opens (AUTO_CONNECT clear). An open one is left
+    /// as it is; over TP4 it is closed, as by DisConnect, and opened anew.
     /// @return 0 open, -1 failed or without transport
     virtual int Connect();
     /// Closes the connection. No hook is called. @return 0 closed, also when it was not open; -1 it could not
@@ -68,12 +69,15 @@ public:
     /// Gives the transport its parameters; what the elements point to is copied. TCP: exactly two, an
     /// IPv4 address (std::uint32_t, host byte order) and a port (std::uint16_t, host byte order). TLS: these two and a
     /// TARN_SSL_Option (tarn_ssl.h); more are ignored, and the address is taken even when the option is null.
+    /// TP4: exactly two texts ended by a zero byte (char*), the network address (0 to 80 hex digits, in pairs) and the
+    /// transport selector (0 to 15 characters); the address is taken even when the selector is refused.
     /// Serial: exactly two, the port's name (text ended by a zero byte; null leaves the name as it is) and the baud rate
     /// (int); Connect refuses what cannot be opened, or no rate of termios(3). They count from the next opening on.
-    /// @return 0; -1 for a wrong number of parameters; -2 for one that is null (serial: -1)
+    /// @return 0; -1 for a wrong number of parameters, and for all that TP4 and serial refuse; -2 for one that is null
     int InitCommuPara(std::vector<void*>& vctParas);
     /// Reports the transport's parameters, and all others empty or 0. TCP and TLS: type, IPv4 address and port in host
-    /// byte order. Serial: type, the port's name as the third text, and the baud rate. @return false without transport
+    /// byte order. TP4: type, and as first and second text the network address in hex digits, as given, and the
+    /// selector. Serial: type, the port's name as the third text, and the baud rate. @return false without transport
     bool GetCommuPara(ECommuProtocolType& eType, unsigned long& ulIP, unsigned short& usPort,
                       std::string& strFirst, std::string& strSecond, std::string& strThird,
                       unsigned long& ulNumber);
@@ -96,7 +100,7 @@ public:
     /// True when the control flag and the mask share a bit.
     bool IsControlParaTrue(int iMask);
 
-    /// Seconds that an attempt to connect may take; 30 in a new connection, 0 lets every attempt fail.
+    /// Seconds that an attempt to connect may take; 30 in a new connection, 0 lets every attempt fail. Not for TP4.
     /// @return 0, -1 without transport
     int SetConnTimeOut(int iSeconds);
     /// Failed attempts, counted since the last success, after which the manager gives up; 0 in a new
@@ -112,8 +116,9 @@ public:
     void* GetHandle();
     /// Brings an open handle along. It stays the caller's, who closes it, after the connector has been
     /// unregistered or its OnSockBreak called. The state goes first: in STATE_DISCONNECTED -1 is stored
-    /// whatever is given. A handle that is being served is taken out of service. @return 0, -1 without
-    /// transport
+    /// whatever is given. A handle that is being served is taken out of service. Over TP4, where the handle is the
+    /// transport's socket, the connector takes it over, and the one before is the caller's.
+    /// @return 0, -1 without transport
     int SetHandle(void* pHandle);
 
     /// Queues bytes for sending, as TEAsyncIOMgr::SendToOutBuffer does, but for this connection and never for another that has
