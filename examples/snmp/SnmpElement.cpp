@@ -18,6 +18,8 @@ SnmpElement::SnmpElement(int iNeId, const SnmpAddress& address, std::string strC
     std::vector<void*> parameters = {&copy.ulIP, &copy.usPort};
     if (address.eType == TCP_SSL_TYPE)
         parameters.push_back(&copy.tls);
+    else if (address.eType == TP4_TYPE)
+        parameters = {copy.strTp4Address.data(), copy.strTp4Tsap.data()};
     InitCommuPara(parameters);
 }
 

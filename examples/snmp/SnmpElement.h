@@ -25,10 +25,12 @@ public:
 /// Where an element is.
 struct SnmpAddress
 {
-    ECommuProtocolType eType = TCP_TYPE; ///< or TCP_SSL_TYPE
-    std::uint32_t ulIP = 0;              ///< IPv4, host byte order
+    ECommuProtocolType eType = TCP_TYPE; ///< or TCP_SSL_TYPE, or TP4_TYPE
+    std::uint32_t ulIP = 0;              ///< IPv4, host byte order; not of TP4_TYPE, nor the port
     std::uint16_t usPort = 0;
-    TARN_SSL_Option tls; ///< of TCP_SSL_TYPE
+    TARN_SSL_Option tls;       ///< of TCP_SSL_TYPE
+    std::string strTp4Address; ///< of TP4_TYPE: the network address in hex digits
+    std::string strTp4Tsap;    ///< and the transport selector
 };
 
 /// One element and the connection to it. Register it with TarnConnectorMgr, and unregister it before it is destroyed.

@@ -321,7 +321,8 @@ TEST_F(Tp4, AttemptsAreRepeatedUntilSomebodyListens)
     // More than once, if an attempt has still found the listener.
     EXPECT_TRUE(WaitUntil([&] { return pConnector->nBroken >= 1; }));
     EXPECT_EQ(pConnector->UnRegister(), 0);
-    EXPECT_TRUE(WaitUntil([&] { return DescriptorCount() == nDescriptors; })); // the element's, too
+    // The element's, too; the threads that have been started may still have had one open at first.
+    EXPECT_TRUE(WaitUntil([&] { return DescriptorCount() <= nDescriptors; }));
 }
 
 TEST_F(Tp4, AddressesOfAnyBytesLeadToTheirOwnElements)

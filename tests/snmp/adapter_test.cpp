@@ -87,7 +87,7 @@ protected:
         SnmpMessageAdapter::Instance().Use(pProtocol, this);
         for (int iNeId = 1; iNeId <= ELEMENTS; ++iNeId)
         {
-            const SnmpAddress address = {TCP_TYPE, 0x7F000001, Spoken(iNeId).Port(), {}};
+            const SnmpAddress address = {TCP_TYPE, 0x7F000001, Spoken(iNeId).Port(), {}, {}, {}};
             m_Elements.push_back(std::make_unique<SnmpElement>(iNeId, address, "public", *this));
             ASSERT_EQ(TarnConnectorMgr::Instance()->RegisterConnector(m_Elements.back().get(), false, 0), 0);
             Spoken(iNeId).Accept();

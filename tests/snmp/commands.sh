@@ -25,7 +25,7 @@ name=1.3.6.1.2.1.1.5.0
 location=1.3.6.1.2.1.1.6.0
 
 # What works
-expect 0 '^ne1 \.1\.3\.6\.1\.2\.1\.1\.1\.0 = "Element ne1 .*~ne2 .*"Element ne2 .*~ne3 .*"Element ne3 [^~]*$' -f "$elements" get 1.3.6.1.2.1.1.1.0
+expect 0 '^ne1 \.1\.3\.6\.1\.2\.1\.1\.1\.0 = "Element ne1 .*~ne2 .*"Element ne2 .*~ne3 .*"Element ne3 .*~ne4 .*"Element ne4 [^~]*$' -f "$elements" get 1.3.6.1.2.1.1.1.0
 expect 0 '^x .*= "\[new, name\]"$' -e "x=$ne1" set $name s "[new, name]"
 expect 0 '= "-x"$' -e "$ne1" set -- $name s -x
 expect 0 '= "new name"$' set $name s "new name" -e "$ne1"
@@ -33,8 +33,10 @@ expect 0 '= "new name"$' -e "$ne1" get $name
 expect 0 '^[^~]*1\.1\.0 = .*1\.2\.0 = .*1\.1\.9\.1\.4\.1 = [0-9]+' -e "$ne1" walk 1.3.6.1.2.1.1 --repetitions 3
 expect 0 '^[^~]*5\.0 = "new name"$' -e "$ne1" walk $name
 expect 0 '^[^~]* = No Such Object' -e "$ne1" get 1.3.6.1.2.1.1.99.0
-expect 0 '^([0-9:]{8} ne[123] \.1\.3\.6\.1\.2\.1\.1\.6\.0 = "Shelf 1"~?){6}$' -f "$elements" watch $location -n 2 -i 0.2
+expect 0 '^([0-9:]{8} ne[1-4] \.1\.3\.6\.1\.2\.1\.1\.6\.0 = "Shelf 1"~?){8}$' -f "$elements" watch $location -n 2 -i 0.2
 expect 0 '= "Element ne3' -e "$tls" --authority "$TARN_LAB/authority.pem" --peer ne3.example get 1.3.6.1.2.1.1.1.0
+expect 0 '^tp4:49000f0102/snmp .*= "Element ne4' -e tp4:49000f0102/snmp get 1.3.6.1.2.1.1.1.0
+expect 0 '^x .*= "Element ne4' -e x=tp4:49000F0102/snmp get 1.3.6.1.2.1.1.1.0
 expect 0 'Exit status' --help
 
 # What elements refuse, or leave unanswered
@@ -42,6 +44,7 @@ expect 1 'notWritable' -e "$ne1" set $location s x
 expect 1 'no answer$' -e "$ne1" -c wrong -t 1 get $name
 expect 1 'ne1 .* = .*x: no answer' -f "$elements" -e "x=$ne1" -c wrong -t 1 get $name
 expect 1 'no connection to tcp:127\.0\.0\.1:1 within 1 s' -e tcp:127.0.0.1:1 -t 1 get $name
+expect 1 'no connection to tp4:00/a=b within 1 s' -e tp4:00/a=b -t 1 get $name
 expect 1 "certificate is refused: unable to get local issuer .*no connection" -e "$tls" -t 3 get $name
 expect 1 "hostname mismatch, expected other" -e "$tls" --authority "$TARN_LAB/authority.pem" --peer other -t 3 get $name
 expect 1 '^([0-9:]{8} x: not connected~?){2}$' -e x=tcp:127.0.0.1:1 -t 1 watch $name -n 2 -i 0.1
@@ -54,6 +57,10 @@ expect 2 '"5" is no value of type "q"' -e "$ne1" set $name q 5
 expect 2 'value is required' -e "$ne1" set $name s
 expect 2 'the interval is no number' -e "$ne1" watch $name -i nan
 expect 2 'is no address; it should be like' -e udp:127.0.0.1:161 get $name
+expect 2 'like tp4:49000f0102/snmp' -e tp4:4900 get $name
+expect 2 'not 0 to 80 hex digits' -e tp4:490/snmp get $name
+expect 2 'not 0 to 80 hex digits' -e tp4:4g/snmp get $name
+expect 2 'the selector has more than 15' -e tp4:49/sixteen-letters- get $name
 expect 2 'the port "99999" is not a number' -e tcp:127.0.0.1:99999 get $name
 expect 2 'has no IPv4 address' -e tcp:nowhere.invalid:161 get $name
 expect 2 'the authority "/nonexistent" cannot be used' -e "$tls" --authority /nonexistent get $name
@@ -76,8 +83,8 @@ fi
 drawn_on() {
     script -qec "stty cols $1 rows $2; \"$nemanager\" -f \"$elements\" watch $name $location -n 1" /dev/null </dev/null
 }
-drawn_on 20 24 | grep -q 'ne3 .*"Shelf 1' || { echo "watch does not draw on a narrow terminal"; failed=1; }
-drawn_on 100 4 | grep -q 'and 1 more' || { echo "watch does not fit a low terminal"; failed=1; }
+drawn_on 20 24 | grep -q 'ne4 .*"Shelf 1' || { echo "watch does not draw on a narrow terminal"; failed=1; }
+drawn_on 100 4 | grep -q 'and 2 more' || { echo "watch does not fit a low terminal"; failed=1; }
 
 # An element that takes connections and says nothing holds the end up no longer than its timeout.
 socat -u TCP-LISTEN:$((${ne1##*:} + 8)),bind=127.0.0.1,reuseaddr,fork OPEN:/dev/null &
@@ -103,7 +110,7 @@ wait "$listener" || code=$?
 # An interrupt ends it, with what is under way.
 "$nemanager" -f "$elements" watch $name -i 0.1 >"$TARN_LAB/watched" 2>&1 &
 watch=$!
-until grep -q ne3 "$TARN_LAB/watched"; do
+until grep -q ne4 "$TARN_LAB/watched"; do
     kill -0 "$watch"
     sleep 0.05
 done

@@ -11,6 +11,8 @@
 
 namespace {
 
+const std::string TP4_SCHEME = "tp4:";
+
 template <typename Number>
 Number ParseNumber(const std::string& strText, Number least, Number greatest, const std::string& strWhat)
 {
@@ -37,15 +39,43 @@ std::uint32_t Resolve(const std::string& strHost)
     return ulIP;
 }
 
+/// @param strText  "ADDRESS/SELECTOR"
+SnmpAddress ParseTp4Address(const std::string& strText)
+{
+    constexpr std::size_t MAX_DIGITS = 80;
+    constexpr std::size_t MAX_SELECTOR = 15;
+    const std::size_t uSlash = strText.find('/');
+    if (uSlash == std::string::npos)
+        throw UsageError("\"tp4:" + strText + "\" is no address; it should be like tp4:49000f0102/snmp");
+    SnmpAddress address;
+    address.eType = TP4_TYPE;
+    address.strTp4Address = strText.substr(0, uSlash);
+    address.strTp4Tsap = strText.substr(uSlash + 1);
+    if (uSlash % 2 != 0 || uSlash > MAX_DIGITS ||
+        address.strTp4Address.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        throw UsageError("in \"tp4:" + strText + "\": the address is not 0 to 80 hex digits, in pairs");
+    if (address.strTp4Tsap.size() > MAX_SELECTOR)
+        throw UsageError("in \"tp4:" + strText + "\": the selector has more than 15 characters");
+    return address;
+}
+
+bool IsTp4(const std::string& strText)
+{
+    return strText.rfind(TP4_SCHEME, 0) == 0;
+}
+
 SnmpAddress ParseAddress(const std::string& strText)
 {
+    if (IsTp4(strText))
+        return ParseTp4Address(strText.substr(TP4_SCHEME.size()));
     SnmpAddress address;
     const std::size_t uHost = strText.find(':') + 1;
     const std::size_t uPort = strText.rfind(':') + 1;
     const std::string strTransport = strText.substr(0, uHost);
     if ((strTransport != "tcp:" && strTransport != "tls:") || uPort <= uHost + 1)
         throw UsageError("\"" + strText +
-                         "\" is no address; it should be like tcp:10.0.0.7:161 or tls:host.example:10161");
+                         "\" is no address; it should be like tcp:10.0.0.7:161, tls:host.example:10161 or "
+                         "tp4:49000f0102/snmp");
     address.eType = strTransport == "tls:" ? TCP_SSL_TYPE : TCP_TYPE;
     address.usPort =
         ParseNumber<std::uint16_t>(strText.substr(uPort), 1, 65535, "in \"" + strText + "\": the port");
@@ -60,7 +90,8 @@ void Secure(SnmpAddress& address, const std::string& strAuthority, const std::st
     if (address.eType != TCP_SSL_TYPE)
     {
         if (bAsked)
-            throw UsageError("authority and name are for tls: addresses; nothing is secured over tcp:");
+            throw UsageError(
+                "authority and name are for tls: addresses; nothing is secured over tcp: and tp4:");
         return;
     }
     // The reason of a refusal is in the log, which is shown.
@@ -115,7 +146,8 @@ ElementSettings ElementFromLine(std::istringstream& words, const ElementDefaults
 ElementSettings ElementFromText(const std::string& strText, const ElementDefaults& defaults)
 {
     ElementSettings element;
-    const std::size_t uEqual = strText.find('=');
+    // A selector may have one, too.
+    const std::size_t uEqual = IsTp4(strText) ? std::string::npos : strText.find('=');
     element.strAddress = uEqual == std::string::npos ? strText : strText.substr(uEqual + 1);
     element.strName = uEqual == std::string::npos ? strText : strText.substr(0, uEqual);
     element.address = ParseAddress(element.strAddress);

@@ -32,7 +32,7 @@ struct ElementDefaults
     std::string strPeerName;  ///< that a certificate must be for; empty: the IP address
 };
 
-/// From "[NAME=]tcp:HOST:PORT" or "[NAME=]tls:HOST:PORT". Throws UsageError.
+/// From "[NAME=]tcp:HOST:PORT", "[NAME=]tls:HOST:PORT" or "[NAME=]tp4:ADDRESS/SELECTOR". Throws UsageError.
 ElementSettings ElementFromText(const std::string& strText, const ElementDefaults& defaults);
 
 /// From a file with an element a line, for example
@@ -40,6 +40,7 @@ ElementSettings ElementFromText(const std::string& strText, const ElementDefault
 ///     # name  address             settings
 ///     ne1     tcp:10.0.0.7:161    community=public timeout=3
 ///     ne3     tls:ne3:10161       authority=ca.pem name=ne3.example
+///     ne4     tp4:49000f0102/snmp
 ///
 /// where files are looked for beside this one. Throws UsageError, with file and line.
 std::vector<ElementSettings> ElementsFromFile(const std::string& strFile, const ElementDefaults& defaults);

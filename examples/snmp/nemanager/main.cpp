@@ -12,10 +12,12 @@
 
 namespace {
 
-constexpr const char* ABOUT = R"(Asks network elements that speak SNMP v2c over TCP or TLS.
+constexpr const char* ABOUT =
+    R"(Asks network elements that speak SNMP v2c over TCP, TLS or OSI transport class 4 (TP4).
 
-Elements are given one by one, [NAME=]tcp:HOST:PORT or [NAME=]tls:HOST:PORT, or in a file with
-a line for each: NAME ADDRESS [community=TEXT] [timeout=SECONDS] [authority=FILE] [name=TEXT].)";
+Elements are given one by one, [NAME=]tcp:HOST:PORT, [NAME=]tls:HOST:PORT or
+[NAME=]tp4:ADDRESS/SELECTOR (hex digits, and up to 15 characters), or in a file with a line for
+each: NAME ADDRESS [community=TEXT] [timeout=SECONDS] [authority=FILE] [name=TEXT].)";
 
 constexpr const char* EXAMPLES = R"(Exit status:
   0  everything was answered
@@ -26,6 +28,7 @@ constexpr const char* EXAMPLES = R"(Exit status:
 Examples:
   nemanager -e tcp:10.0.0.7:161 get 1.3.6.1.2.1.1.5.0
   nemanager -e ne3=tls:10.0.0.9:10161 --authority ca.pem --peer ne3.example walk 1.3.6.1.2.1.2
+  nemanager -e tp4:49000f0102/snmp get 1.3.6.1.2.1.1.5.0
   nemanager -f elements set 1.3.6.1.2.1.1.6.0 s "Shelf 4"
   nemanager -f elements watch 1.3.6.1.2.1.1.3.0 --interval 5)";
 
@@ -135,7 +138,7 @@ void Describe(CLI::App& app, Arguments& arguments)
     app.require_subcommand(1);
     app.fallthrough(); // options of the program may stand behind the command
     app.add_option("-e,--element", arguments.elements,
-                   "Element, [NAME=]tcp:HOST:PORT or [NAME=]tls:HOST:PORT; may be repeated")
+                   "Element, [NAME=]tcp:HOST:PORT, tls:HOST:PORT or tp4:ADDRESS/SELECTOR; may be repeated")
         ->type_name("ADDRESS")
         ->allow_extra_args(false);
     app.add_option("-f,--elements", arguments.strFile, "File of elements")
