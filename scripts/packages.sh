@@ -1,7 +1,7 @@
 # Debian packages that this project is built, tested and analysed with; sourced by the other scripts.
 
 packages_build="g++ cmake ninja-build pkgconf libace-dev libini-config-dev libspdlog-dev libssl-dev"
-packages_examples="libtasn1-6-dev libcli11-dev"
+packages_examples="libtasn1-6-dev libcli11-dev libmodbus-dev"
 packages_elements="snmpd snmp stunnel4 socat openssl"
 packages_test="libgtest-dev libbenchmark-dev $packages_examples $packages_elements"
 packages_analysis="clang libclang-rt-dev"

@@ -1,13 +1,9 @@
-// For libFuzzer: whatever an element sends, framing and decoding end, stay within the bytes, and agree with each other. Built by another
-// compiler than clang it has a main of its own, which runs the files that it is given.
+// For libFuzzer: whatever an element sends, framing and decoding end, stay within the bytes, and agree with each other.
 
 #include "SnmpCodec.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 namespace {
 
@@ -62,22 +58,3 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t uLe
     {}
     return 0;
 }
-
-#ifdef TARN_REPLAY
-int main(int argc, char** argv)
-{
-    int nFiles = 0;
-    for (int i = 1; i < argc; ++i)
-    {
-        for (const auto& entry : std::filesystem::directory_iterator(argv[i]))
-        {
-            std::ifstream file(entry.path(), std::ios::binary);
-            const std::string strBytes{std::istreambuf_iterator<char>(file), {}};
-            LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(strBytes.data()), strBytes.size());
-            ++nFiles;
-        }
-    }
-    std::printf("%d files\n", nFiles);
-    return nFiles > 0 ? 0 : 1;
-}
-#endif
