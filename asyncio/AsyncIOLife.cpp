@@ -4,6 +4,7 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "asyncio/TEIOHandlerRecycler.h"
 #include "asyncio/TEIOReactor.h"
+#include "connection/SerialSession.h"
 #include "connection/TESerialSendReactor.h"
 #include "connection/TarnConnectorMgrImpl.h"
 #include "core/ApplicationCall.h"
@@ -38,6 +39,7 @@ void StopAsyncIO()
         pAsyncIOMgr->Stop();
     else if (TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing())
         pConnectorMgr->Stop();
+    SerialSession::EndAllWatches(); // also of lines that were opened without a manager
 }
 
 void DestroyAsyncIO()

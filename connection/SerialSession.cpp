@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr DWORD WATCH_END_MS = 30'000;
+constexpr DWORD POLL_MS = 1'000;
 constexpr DWORD PURGE_ALL = PURGE_TXABORT | PURGE_RXABORT | PURGE_TXCLEAR | PURGE_RXCLEAR;
 
 /// The sessions whose watch threads may be running, for the stop.
@@ -195,21 +195,12 @@ void SerialSession::End()
     SetEvent(m_hCommEvent);
 }
 
-bool SerialSession::WaitForWatch()
+bool SerialSession::WaitForWatch(DWORD dwMilliseconds)
 {
-    if (IsWatchThread())
-        return false;
     // From its last event on the thread has nothing to wait for.
-    if (m_hWatchThread == nullptr || (WaitForSingleObject(m_hWatchEnded, WATCH_END_MS) == WAIT_OBJECT_0 &&
-                                      WaitForSingleObject(m_hWatchThread, WATCH_END_MS) == WAIT_OBJECT_0))
-        return true;
-    m_bWatchRunning = false;
-    TarnAdapterFrmtTrace(
-        1,
-        "TarnSerialConnectorImpl::CloseConnection, the watch thread does not end and is left to "
-        "itself, Group = %d, TargetID = 0x%x\n",
-        m_Connection.GetGroupID(), m_Connection.GetTargetID());
-    return false;
+    return m_hWatchThread == nullptr ||
+           (!IsWatchThread() && WaitForSingleObject(m_hWatchEnded, dwMilliseconds) == WAIT_OBJECT_0 &&
+            WaitForSingleObject(m_hWatchThread, dwMilliseconds) == WAIT_OBJECT_0);
 }
 
 void SerialSession::CloseConnection()
@@ -237,5 +228,7 @@ void SerialSession::EndAllWatches()
     for (const auto& pSession : sessions)
         pSession->End();
     for (const auto& pSession : sessions)
-        pSession->WaitForWatch();
+        while (!pSession->IsWatchThread() && !pSession->WaitForWatch(POLL_MS))
+            TarnAdapterFrmtTrace(
+                3, "SerialSession::EndAllWatches, waiting for the watch thread of a serial line to quit\n");
 }

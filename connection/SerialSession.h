@@ -48,9 +48,9 @@ public:
 
     /// Tells the session's threads that it is over and wakes them. Does not wait.
     void End();
-    /// Waits until the watch thread of an ended session has ended, at most 30 s.
-    /// @return false: it has not, or it is the calling thread; it is left to itself
-    bool WaitForWatch();
+    /// Waits until the watch thread of an ended session has ended.
+    /// @return false: it has not in this time, or it is the calling thread
+    bool WaitForWatch(DWORD dwMilliseconds);
     /// Lowers DTR and closes the port. Operations on it that are under way end first, failed.
     void CloseConnection();
     /// What has not been framed. When the watch thread has ended.
@@ -67,7 +67,8 @@ public:
     bool WriteCommBlock(const unsigned char* pBuffer, DWORD dwLength, DWORD& dwWritten);
     /// Ends a write under way.
     void AbortWrite() { PurgeComm(m_hPort, PURGE_TXABORT); }
-    /// Ends all sessions there are and waits for their watch threads; the ports stay open.
+    /// Ends all sessions there are and waits for their watch threads, with a line in the log every second: they may be
+    /// inside adapters, which are deleted afterwards. The ports stay open.
     static void EndAllWatches();
 
 private:
@@ -99,7 +100,6 @@ private:
     HANDLE m_hCommEvent = nullptr;  // the watch thread's, of its wait for the port
 
     std::atomic<bool> m_bConnected{false};
-    std::atomic<bool> m_bWatchRunning{false};
     const bool m_bReportErrors = true;
 
     OVERLAPPED m_Write{}; // the send thread's

@@ -2,6 +2,7 @@
 #include "connection/SerialSession.h"
 #include "connection/TarnSerialConnectorImpl.h"
 #include "core/ApplicationCall.h"
+#include "core/ExistingManager.h"
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/TraceHexData.h"
@@ -39,7 +40,6 @@ DWORD SerialSession::Watch()
         SerialSession& session;
         ~Leaving()
         {
-            session.m_bWatchRunning = false;
             SetEvent(session.m_hWatchEnded);
             session.m_Connection.Unpin(); // from here on the connection may be gone
         }
@@ -48,7 +48,6 @@ DWORD SerialSession::Watch()
     m_dwWatchThreadId = GetCurrentThreadId();
     m_hCommEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const bool bReceives = m_hCommEvent != nullptr && SetCommMask(m_hPort, EV_RXCHAR) != FALSE;
-    m_bWatchRunning = true;
     SetEvent(m_hStarted);
     if (!bReceives)
         return FAILED;
@@ -155,6 +154,8 @@ int SerialSession::ConsumeFrames()
     void* const pHandle = reinterpret_cast<void*>(static_cast<std::intptr_t>(Descriptor()));
     while (!m_Input.IsEmpty() && m_bConnected)
     {
+        if (ExistingManager().Get() == nullptr)
+            break; // the library is not running, and must not be brought about here
         const int iLength = TEAdapterManager::Instance()->CheckMessageValid(pHandle, m_Input.Bytes(),
                                                                             m_Connection.AdapterProtocolID());
         if (iLength < 0)

@@ -7,6 +7,12 @@
 
 #include <utility>
 
+namespace {
+
+constexpr DWORD WATCH_END_MS = 30'000;
+
+} // namespace
+
 TarnSerialConnectorImpl::TarnSerialConnectorImpl(TarnConnector* pOwner)
     : TarnConnectorImpl(pOwner)
 {
@@ -197,7 +203,12 @@ int TarnSerialConnectorImpl::Close(const std::uint32_t* pOnlySession)
         if (pSession != nullptr)
             pSession->End();
     }
-    const bool bWatchEnded = pSession == nullptr || pSession->WaitForWatch();
+    const bool bWatchEnded = pSession == nullptr || pSession->WaitForWatch(WATCH_END_MS);
+    if (!bWatchEnded && !pSession->IsWatchThread())
+        TarnAdapterFrmtTrace(1,
+                             "TarnSerialConnectorImpl::CloseConnection, the watch thread does not end and is "
+                             "left to itself, Group = %d, TargetID = 0x%x\n",
+                             GetGroupID(), GetTargetID());
     FinishClosing(pSession, bWatchEnded);
     return 0;
 }
