@@ -125,7 +125,7 @@ int TarnTP4ConnectorImpl::ConnectQueued()
 {
     const TarnGuard guard(m_OpenMutex);
     if (GetHandle() == ACE_INVALID_HANDLE)
-        return Connect();
+        return ConnectLocked();
     // Somebody else has opened it while this attempt waited for its turn.
     SetState(STATE_CONNECTED);
     return 0;
@@ -134,6 +134,11 @@ int TarnTP4ConnectorImpl::ConnectQueued()
 int TarnTP4ConnectorImpl::Connect()
 {
     const TarnGuard guard(m_OpenMutex);
+    return ConnectLocked();
+}
+
+int TarnTP4ConnectorImpl::ConnectLocked()
+{
     const int iGroupID = GetGroupID();
     const std::uint32_t ulTargetID = GetTargetID();
     TarnAdapterFrmtTrace(1, "Before Connect,GRPID = %d,TargetID = 0x%x\n", iGroupID, ulTargetID);

@@ -46,6 +46,7 @@ public:
     static SOCKADDR_TP SocketAddress(const TransportAddress& address);
 
 private:
+    int ConnectLocked() TARN_REQUIRES(m_OpenMutex) TARN_EXCLUDES(m_ParameterLock);
     SOCKET OpenSocket(int iGroupID, std::uint32_t ulTargetID) TARN_REQUIRES(m_OpenMutex);
     void CloseSocket() TARN_REQUIRES(m_OpenMutex);
     TransportAddress Address() TARN_EXCLUDES(m_ParameterLock);
