@@ -102,12 +102,12 @@ void TEAsyncIOMgrImpl::StopOnce()
         TarnAdapterFrmtTrace(1,
                              "TEAsyncIOMgrImpl::~TEAsyncIOMgrImpl: failed, an unknown exception occured\n");
     }
+    // Before the threads are waited for: one of them may be waiting for room in a line's queue, which it lets go then.
+    if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
+        pReactor->Leave();
     WaitForThreads();
     if (TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing())
         pConnectorMgr->Stop();
-    // Before connections are deleted, one of which it may be sending for.
-    if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
-        pReactor->Leave();
     m_LoopThreads.WaitForEnds();
     m_AppThreads.WaitForEnds();
     m_ProducerGate.ShutAndWait();

@@ -135,20 +135,3 @@ TEST_F(SerialReactor, RegistrationsBesideRebuildsAndWritesLeaveNothingBehind)
         }
     });
 }
-
-TEST_F(SerialReactor, AWriteThatIsNeverTakenIsEndedAfterThirtySeconds)
-{
-    EXPECT_EQ(Reactor().Start(), 0);
-    SerialLine line;
-    const auto pConnection = Open(line); // fast enough for writes without limit
-    EXPECT_EQ(Send(*pConnection, std::string(100'000, 'x')), 0);
-    EXPECT_TRUE(WaitUntil([&] { return line.IsSentTo(); }));
-    const auto begin = std::chrono::steady_clock::now();
-    TESerialSendReactor::Destroy();
-    const auto passed = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(passed, std::chrono::seconds(29));
-    EXPECT_LT(passed, std::chrono::seconds(34)) << "then its write is ended, and it ends";
-    EXPECT_EQ(host.Count(1, "Now serial reactor is to leave.\n"), 1);
-    EXPECT_EQ(host.Count(1, "Now waitting serial reactor to leave is timeout.\n"), 1);
-    EXPECT_EQ(TESerialSendReactor::Existing(), nullptr);
-}

@@ -398,6 +398,38 @@ TEST_F(Serial, WithoutTheSendReactorSendsAreSaidOnceAndLeftQueued)
     EXPECT_EQ(connector.UnRegister(), 0);
 }
 
+TEST_F(Serial, AStopEndsAWriteThatIsNotTakenAfterThirtySecondsAndLetsGoWhoWaitsForRoom)
+{
+    StartCounting();
+    SerialLine line; // which nobody reads
+    LineConnector connector(1, line.Port());
+    EXPECT_EQ(connector.Register(true, 1), 0);
+    EXPECT_EQ(connector.SendBytes(std::string(5'000, 'x')), 0);
+    EXPECT_EQ(line.Receive(1).empty(), false);
+    EXPECT_EQ(connector.SendBytes(std::string(10'240'000, 'x')), 0);
+    // An application thread, which the stop waits for.
+    std::atomic<bool> bWaiting{false};
+    std::atomic<int> iResult{0};
+    pAdapter->onAnswer = [&](FrameMessage&) {
+        while (iResult == 0)
+        {
+            bWaiting = true;
+            iResult = connector.SendBytes("x");
+        }
+    };
+    auto* pMessage = new FrameMessage(pAdapter, pAdapter->onAnswer);
+    EXPECT_EQ(TEAsyncIOMgr::Instance()->AddTERspMessageData(pMessage), 0);
+    EXPECT_TRUE(WaitUntil([&] { return bWaiting.load(); }));
+    const auto begin = std::chrono::steady_clock::now();
+    tarnadapter::Fini();
+    const auto passed = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(passed, std::chrono::seconds(29));
+    EXPECT_LT(passed, std::chrono::seconds(34)) << "a second for the waiting sender to look";
+    EXPECT_EQ(host.Count(1, "Now serial reactor is to leave.\n"), 1);
+    EXPECT_EQ(host.Count(1, "Now waitting serial reactor to leave is timeout.\n"), 1);
+    EXPECT_NE(iResult, 0);
+}
+
 TEST_F(Serial, LinesStayOpenOverAStopAndAreOpenedAnewInTheNextLife)
 {
     const std::set<int> before = Threads();
