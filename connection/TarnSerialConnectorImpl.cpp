@@ -126,6 +126,8 @@ int TarnSerialConnectorImpl::Connect()
                 SetState(STATE_CONNECTED);
                 return 0;
             }
+            if (!pEnding->IsWatchThread())
+                BeginClosing(); // with the mutex still held: the next session is not this thread's to close
         }
         if (pEnding->IsWatchThread())
         {
@@ -135,7 +137,7 @@ int TarnSerialConnectorImpl::Connect()
                                  GetGroupID(), GetTargetID());
             return -1;
         }
-        Close(nullptr); // what is left of the last session
+        FinishClosing(pEnding);
     }
 }
 
@@ -194,26 +196,40 @@ int TarnSerialConnectorImpl::Close(const std::uint32_t* pOnlySession)
         const TarnGuard guard(m_OpenMutex);
         if (pOnlySession != nullptr && OpenSession() != *pOnlySession)
             return 0;
-        if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
-            pReactor->UnRegisterHandle(this);
-        TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
-        if (pAsyncIOMgr != nullptr && IsRegistered())
-            pAsyncIOMgr->UnregisterHandle(this);
-        pSession = Session();
-        if (pSession != nullptr)
-            pSession->End();
+        pSession = BeginClosing();
     }
+    FinishClosing(pSession);
+    return 0;
+}
+
+/// Has nobody send or be sent to any more, and tells the session's threads that it is over.
+/// @return the session, which is to be finished; null when there is none
+std::shared_ptr<SerialSession> TarnSerialConnectorImpl::BeginClosing()
+{
+    if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
+        pReactor->UnRegisterHandle(this);
+    TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
+    if (pAsyncIOMgr != nullptr && IsRegistered())
+        pAsyncIOMgr->UnregisterHandle(this);
+    auto pSession = Session();
+    if (pSession != nullptr)
+        pSession->End();
+    return pSession;
+}
+
+/// Waits for the session's watch thread and closes the line, unless another thread does.
+void TarnSerialConnectorImpl::FinishClosing(const std::shared_ptr<SerialSession>& pSession)
+{
     const bool bWatchEnded = pSession == nullptr || pSession->WaitForWatch(WATCH_END_MS);
     if (!bWatchEnded && !pSession->IsWatchThread())
         TarnAdapterFrmtTrace(1,
                              "TarnSerialConnectorImpl::CloseConnection, the watch thread does not end and is "
                              "left to itself, Group = %d, TargetID = 0x%x\n",
                              GetGroupID(), GetTargetID());
-    FinishClosing(pSession, bWatchEnded);
-    return 0;
+    CloseEnded(pSession, bWatchEnded);
 }
 
-void TarnSerialConnectorImpl::FinishClosing(const std::shared_ptr<SerialSession>& pSession, bool bWatchEnded)
+void TarnSerialConnectorImpl::CloseEnded(const std::shared_ptr<SerialSession>& pSession, bool bWatchEnded)
 {
     const TarnGuard guard(m_OpenMutex);
     if (Session() != pSession)

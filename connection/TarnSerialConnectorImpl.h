@@ -54,7 +54,9 @@ private:
     int Open() TARN_REQUIRES(m_OpenMutex);
     void RegisterForSending() TARN_REQUIRES(m_OpenMutex);
     int Close(const std::uint32_t* pOnlySession) TARN_EXCLUDES(m_OpenMutex);
-    void FinishClosing(const std::shared_ptr<SerialSession>& pSession, bool bWatchEnded)
+    std::shared_ptr<SerialSession> BeginClosing() TARN_REQUIRES(m_OpenMutex);
+    void FinishClosing(const std::shared_ptr<SerialSession>& pSession) TARN_EXCLUDES(m_OpenMutex);
+    void CloseEnded(const std::shared_ptr<SerialSession>& pSession, bool bWatchEnded)
         TARN_EXCLUDES(m_OpenMutex);
     std::shared_ptr<SerialSession> Session();
     void SetSession(std::shared_ptr<SerialSession> pSession);

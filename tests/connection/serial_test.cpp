@@ -378,6 +378,34 @@ TEST_F(Serial, TheAdapterMayCloseTheLineWhileItFrames)
     EXPECT_EQ(connector.UnRegister(), 0);
 }
 
+TEST_F(Serial, SeveralWhoWaitForTheEndOfAClosingOpenTheLineOnce)
+{
+    StartCounting();
+    SerialLine line;
+    LineConnector connector(1, line.Port());
+    std::atomic<bool> bClose{false};
+    std::atomic<bool> bClosed{false};
+    pAdapter->onFraming = [&](ACE_HANDLE) {
+        if (!bClose.exchange(false))
+            return;
+        EXPECT_EQ(connector.DisConnect(), 0);
+        bClosed = true;
+    };
+    EXPECT_EQ(connector.Connect(), 0);
+    const std::uint32_t ulFirst = connector.Impl()->OpenSession();
+    const auto nRounds = static_cast<std::uint32_t>(StressRounds(50));
+    for (std::uint32_t i = 1; i <= nRounds; ++i)
+    {
+        bClosed = false;
+        bClose = true;
+        line.Send(Element::Frame(i, ""));
+        ASSERT_TRUE(WaitUntil([&] { return bClosed.load(); }));
+        RunTogether(4, [&](int) { EXPECT_EQ(connector.Connect(), 0); });
+        ASSERT_EQ(connector.Impl()->OpenSession(), ulFirst + i) << "one closes what another has opened";
+    }
+    EXPECT_EQ(connector.DisConnect(), 0);
+}
+
 TEST_F(Serial, WithoutTheSendReactorSendsAreSaidOnceAndLeftQueued)
 {
     host.SetCfg("bEnableSerialCom", "0");
