@@ -40,6 +40,7 @@ DWORD SerialSession::Watch()
         SerialSession& session;
         ~Leaving()
         {
+            session.m_dwWatchThreadId = 0; // another thread may get the number
             SetEvent(session.m_hWatchEnded);
             session.m_Connection.Unpin(); // from here on the connection may be gone
         }
