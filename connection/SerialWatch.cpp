@@ -155,10 +155,11 @@ int SerialSession::ConsumeFrames()
     void* const pHandle = reinterpret_cast<void*>(static_cast<std::intptr_t>(Descriptor()));
     while (!m_Input.IsEmpty() && m_bConnected)
     {
-        if (ExistingManager().Get() == nullptr)
+        const ManagerInCall manager;
+        if (manager.Get() == nullptr)
             break; // the library is not running, and must not be brought about here
-        const int iLength = TEAdapterManager::Instance()->CheckMessageValid(pHandle, m_Input.Bytes(),
-                                                                            m_Connection.AdapterProtocolID());
+        const int iLength =
+            manager.Get()->CheckMessageValid(pHandle, m_Input.Bytes(), m_Connection.AdapterProtocolID());
         if (iLength < 0)
         {
             TarnAdapterFrmtTrace(1, "TarnSerialConnectorImpl CheckMessageValid: ret = %d \n", iLength);

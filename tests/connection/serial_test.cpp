@@ -3,6 +3,7 @@
 #include "support/ConnectionTest.h"
 #include "support/Process.h"
 #include "support/SerialLine.h"
+#include "support/TestAdapters.h"
 #include "support/Threads.h"
 
 #include <array>
@@ -403,6 +404,35 @@ TEST_F(Serial, SeveralWhoWaitForTheEndOfAClosingOpenTheLineOnce)
         RunTogether(4, [&](int) { EXPECT_EQ(connector.Connect(), 0); });
         ASSERT_EQ(connector.Impl()->OpenSession(), ulFirst + i) << "one closes what another has opened";
     }
+    EXPECT_EQ(connector.DisConnect(), 0);
+}
+
+TEST_F(Serial, AnAdapterIsNotDeletedWhileALineThatNobodyHasStoppedIsInside)
+{
+    // A manager that was never started, so that its end stops no line.
+    std::atomic<bool> bInside{false};
+    std::atomic<bool> bLeave{false};
+    auto* pAdapter78 = new TestAdapter(78, [&](void*, std::vector<unsigned char>&) {
+        bInside = true;
+        WaitUntil([&] { return bLeave.load(); });
+        return 0;
+    });
+    EXPECT_EQ(TEAdapterManager::Instance()->RegisterProtocolAdapter(78, pAdapter78, false), 0);
+    SerialLine line;
+    LineConnector connector(1, line.Port());
+    connector.SetAdapterProtocolID(78);
+    EXPECT_EQ(connector.Connect(), 0);
+    line.Send("x");
+    EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
+    std::thread destroyer([] { TEAdapterManager::Destroy(); });
+    EXPECT_TRUE(WaitUntil([&] {
+        return TestAdapter::Alive() == 0 ||
+               host.CountContaining(3, "TEAdapterManager::Destroy, waiting for 1 calls") > 0;
+    }));
+    EXPECT_EQ(TestAdapter::Alive(), 1);
+    bLeave = true;
+    destroyer.join();
+    EXPECT_EQ(TestAdapter::Alive(), 0);
     EXPECT_EQ(connector.DisConnect(), 0);
 }
 
