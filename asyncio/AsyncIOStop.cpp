@@ -103,7 +103,7 @@ void TEAsyncIOMgrImpl::StopOnce()
                              "TEAsyncIOMgrImpl::~TEAsyncIOMgrImpl: failed, an unknown exception occured\n");
     }
     // Before the threads are waited for: one of them may be waiting for room in a line's queue, which it lets go then.
-    if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
+    if (const auto pReactor = TESerialSendReactor::Existing())
         pReactor->Leave();
     WaitForThreads();
     if (TarnConnectorMgrImpl* pConnectorMgr = TarnConnectorMgrImpl::Existing())

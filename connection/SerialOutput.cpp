@@ -37,7 +37,7 @@ int TarnSerialConnectorImpl::AddAndSendData(const char* pData, int iLength)
         TarnAdapterFrmtTrace(1, "TEIOHandler::AddAndSendData: out msg queue is full.\n");
         return -1;
     }
-    TESerialSendReactor* pReactor = TESerialSendReactor::Existing();
+    const auto pReactor = TESerialSendReactor::Existing();
     if (pReactor == nullptr || !pReactor->IsStarted())
         LogMute();
     else
@@ -54,7 +54,7 @@ bool TarnSerialConnectorImpl::Enqueue(ACE_Message_Block* pBlock)
         ACE_Time_Value deadline = m_pOutQueue->gettimeofday() + LOOK_AGAIN;
         if (m_pOutQueue->enqueue(pBlock, &deadline) != -1)
             return true;
-        TESerialSendReactor* pReactor = TESerialSendReactor::Existing();
+        const auto pReactor = TESerialSendReactor::Existing();
         if (errno != EWOULDBLOCK || pReactor == nullptr || !pReactor->IsServing(this))
             return false;
     }

@@ -6,6 +6,7 @@
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
 #include <algorithm>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -21,7 +22,23 @@ bool IsDue(DWORD dwDue, DWORD dwNow)
     return static_cast<std::int32_t>(dwDue - dwNow) <= 0;
 }
 
-std::atomic<TESerialSendReactor*> g_pReactor{nullptr};
+/// The reactor that there is. Never destroyed: threads may outlive the statics.
+struct TheReactor
+{
+    std::mutex mutex; // a leaf
+    std::shared_ptr<TESerialSendReactor> pReactor;
+
+    static TheReactor& Instance()
+    {
+        static auto& instance = *new TheReactor;
+        return instance;
+    }
+    void Set(std::shared_ptr<TESerialSendReactor> pNew)
+    {
+        const std::lock_guard<std::mutex> guard(mutex);
+        pReactor.swap(pNew); // the old one goes after the lock
+    }
+};
 
 /// Exists from the library's load on.
 TarnRWThreadMutex& InstanceLock()
@@ -40,32 +57,37 @@ void CloseIfOpen(HANDLE& handle)
 
 } // namespace
 
-TESerialSendReactor* TESerialSendReactor::Existing()
+std::shared_ptr<TESerialSendReactor> TESerialSendReactor::Existing()
 {
-    return g_pReactor.load(std::memory_order_acquire);
+    const std::lock_guard<std::mutex> guard(TheReactor::Instance().mutex);
+    return TheReactor::Instance().pReactor;
 }
 
 TESerialSendReactor* TESerialSendReactor::Instance()
 {
-    if (Existing() == nullptr)
-    {
-        const TarnWriteGuard guard(InstanceLock());
-        if (Existing() == nullptr)
-            g_pReactor.store(new (std::nothrow) TESerialSendReactor, std::memory_order_release);
-    }
-    return Existing();
+    if (const auto pReactor = Existing())
+        return pReactor.get();
+    const TarnWriteGuard guard(InstanceLock());
+    if (const auto pReactor = Existing())
+        return pReactor.get();
+    return WithMemory("TESerialSendReactor::Instance", static_cast<TESerialSendReactor*>(nullptr), [] {
+        std::shared_ptr<TESerialSendReactor> pReactor(new TESerialSendReactor,
+                                                      [](const TESerialSendReactor* pLast) { delete pLast; });
+        TheReactor::Instance().Set(pReactor);
+        return pReactor.get();
+    });
 }
 
 void TESerialSendReactor::Destroy()
 {
     const TarnWriteGuard guard(InstanceLock());
-    TESerialSendReactor* pReactor = Existing();
+    const auto pReactor = Existing();
     if (pReactor == nullptr)
         return;
     const bool bEnded = pReactor->Leave();
-    g_pReactor.store(nullptr, std::memory_order_release);
-    if (bEnded)
-        delete pReactor;
+    TheReactor::Instance().Set(nullptr);
+    if (!bEnded)
+        new (std::nothrow) std::shared_ptr<TESerialSendReactor>(pReactor); // its thread's, for good
 }
 
 TESerialSendReactor::~TESerialSendReactor()

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <map>
+#include <memory>
 
 class TarnSerialConnectorImpl;
 
@@ -26,11 +27,12 @@ class TarnSerialConnectorImpl;
 class TESerialSendReactor
 {
 public:
-    /// The reactor, created by the first call; it has no thread until Start.
+    /// The reactor, created by the first call; it has no thread until Start. For whoever starts and destroys it.
     static TESerialSendReactor* Instance();
-    /// The reactor if there is one, else null.
-    static TESerialSendReactor* Existing();
-    /// Ends the thread, see Leave, and deletes the reactor; not if its thread could not be ended.
+    /// The reactor if there is one, else null. It is not deleted as long as the result is kept, but may be destroyed.
+    static std::shared_ptr<TESerialSendReactor> Existing();
+    /// Ends the thread, see Leave, and deletes the reactor, or has its last user do it; not if its thread could not be
+    /// ended.
     static void Destroy();
 
     TESerialSendReactor(const TESerialSendReactor&) = delete;

@@ -164,7 +164,8 @@ int TarnSerialConnectorImpl::Open()
 void TarnSerialConnectorImpl::RegisterForSending()
 {
     m_bMuteLogged = false;
-    TESerialSendReactor* pReactor = TESerialSendReactor::Instance();
+    TESerialSendReactor::Instance();
+    const auto pReactor = TESerialSendReactor::Existing();
     if (pReactor == nullptr || pReactor->RegisterHandle(this) != 0)
     {
         TarnAdapterFrmtTrace(
@@ -206,7 +207,7 @@ int TarnSerialConnectorImpl::Close(const std::uint32_t* pOnlySession)
 /// @return the session, which is to be finished; null when there is none
 std::shared_ptr<SerialSession> TarnSerialConnectorImpl::BeginClosing()
 {
-    if (TESerialSendReactor* pReactor = TESerialSendReactor::Existing())
+    if (const auto pReactor = TESerialSendReactor::Existing())
         pReactor->UnRegisterHandle(this);
     TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
     if (pAsyncIOMgr != nullptr && IsRegistered())

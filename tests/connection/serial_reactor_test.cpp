@@ -5,6 +5,7 @@
 #include "support/Threads.h"
 #include "tarnadapterframe/tarnadapterframe.h"
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -133,5 +134,34 @@ TEST_F(SerialReactor, RegistrationsBesideRebuildsAndWritesLeaveNothingBehind)
             EXPECT_EQ(Send(connection, strBlock), 0);
             EXPECT_EQ(Reactor().UnRegisterHandle(&connection), 0);
         }
+    });
+}
+
+TEST_F(SerialReactor, WhoSendsOpensOrClosesBesideItsEndFindsItOrNot)
+{
+    constexpr int USERS = 3;
+    std::atomic<int> nUsers{USERS};
+    RunTogether(USERS + 1, [&](int i) {
+        if (i == 0)
+        {
+            while (nUsers > 0)
+            {
+                EXPECT_EQ(Reactor().Start(), 0);
+                TESerialSendReactor::Destroy();
+            }
+            return;
+        }
+        SerialLine line;
+        const auto pConnection = Open(line);
+        for (int iRound = 0; iRound < StressRounds(300); ++iRound)
+        {
+            EXPECT_EQ(Send(*pConnection, "x"), 0);
+            if (i == 1)
+            {
+                EXPECT_EQ(pConnection->DisConnect(), 0);
+                EXPECT_EQ(pConnection->Connect(), 0);
+            }
+        }
+        --nUsers;
     });
 }
