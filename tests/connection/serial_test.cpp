@@ -240,6 +240,19 @@ TEST_F(Serial, ALineThatIsNotReadHoldsUpNoOther)
     LineConnector second(2, line.Port(), 19200);
     EXPECT_EQ(first.Register(true, 1), 0);
     EXPECT_EQ(second.Register(true, 1), 0);
+    // Already after the first write that is cut off by its time the other line has its turn, before the rest.
+    static std::atomic<bool> s_bWaiting{false};
+    static std::atomic<int> s_nBefore{0};
+    RegisterTraceHexDataCBFunc([](const char* pData, int iLength, int iType, std::uint32_t) {
+        if (iType == 1 && std::string(pData, static_cast<std::size_t>(iLength)) == "early")
+            s_bWaiting = false;
+        else if (iType == 1 && s_bWaiting)
+            ++s_nBefore;
+    });
+    host.StepIn("Probable Write Timeout", [&] {
+        s_bWaiting = true;
+        EXPECT_EQ(second.SendBytes("early"), 0);
+    });
     // More than the line takes, which is less than 20,000 bytes: it ends in writes that are not taken in their time.
     std::string strSent;
     for (int i = 0; strSent.size() < 21'000; ++i)
@@ -251,7 +264,9 @@ TEST_F(Serial, ALineThatIsNotReadHoldsUpNoOther)
         return host.CountContaining(1, "Probable Write Timeout: Total of 0 bytes sent.errno=110") > 0;
     }));
     EXPECT_EQ(second.SendBytes("heard"), 0);
-    EXPECT_EQ(line.Receive(5), "heard");
+    EXPECT_EQ(line.Receive(10), "earlyheard");
+    EXPECT_EQ(s_nBefore, 0);
+    RegisterTraceHexDataCBFunc(nullptr);
     EXPECT_EQ(deaf.Receive(strSent.size()), strSent) << "once it is read again, nothing is missing";
     EXPECT_EQ(first.UnRegister(), 0);
     EXPECT_EQ(second.UnRegister(), 0);
