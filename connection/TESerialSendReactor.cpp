@@ -137,6 +137,8 @@ bool TESerialSendReactor::Leave()
         return true;
     if (WaitForSingleObject(m_hThread, 0) == WAIT_OBJECT_0)
         return true; // told before
+    if (m_bGivenUp)
+        return false;
     m_bStarted = false;
     SetEvent(hQuit);
     TarnAdapterFrmtTrace(1, "Now serial reactor is to leave.\n");
@@ -148,6 +150,7 @@ bool TESerialSendReactor::Leave()
         {
             TarnAdapterFrmtTrace(
                 1, "TESerialSendReactor::Leave, the send thread does not end and is left to itself\n");
+            m_bGivenUp = true;
             return false;
         }
     }

@@ -42,7 +42,7 @@ public:
     /// @return 0, or -1
     int Start() TARN_EXCLUDES(m_EntryLock);
     /// Tells the thread to quit and waits: 30 s, then its write under way is ended. Nothing happens if there is none.
-    /// @return false: it has not ended, and is left to itself
+    /// @return false: it has not ended, and is left to itself; it is not waited for a second time
     bool Leave() TARN_EXCLUDES(m_EntryLock);
     /// True while there is a thread that sends.
     bool IsStarted() const { return m_bStarted; }
@@ -90,6 +90,8 @@ private:
     HANDLE m_hQuit = nullptr;
     DWORD m_dwThreadId = 0;
     std::atomic<bool> m_bStarted{false};
+
+    bool m_bGivenUp = false; // touched by Leave only: the thread has not ended in its time
 
     // Changed by the send thread only, or before there is one.
     std::array<HANDLE, MAXIMUM_WAIT_OBJECTS> m_aWait{};
