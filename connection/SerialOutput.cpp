@@ -72,7 +72,6 @@ void TarnSerialConnectorImpl::LogMute()
 int TarnSerialConnectorImpl::WriteOutQueue(DWORD& dwLaterMs)
 {
     constexpr DWORD STALLED_MS = 1000; // how long a line that takes nothing is left alone
-    constexpr DWORD TURN_MS = 2; // time for the write events of other lines, also of those behind this one
     const auto pSession = Session();
     if (pSession == nullptr)
         return -1;
@@ -101,7 +100,7 @@ int TarnSerialConnectorImpl::WriteOutQueue(DWORD& dwLaterMs)
         m_dwWrittenAt = GetTickCount();
         if (dwWritten < uLength) // others have their turn before the rest
         {
-            dwLaterMs = dwWritten == 0 ? STALLED_MS : TURN_MS;
+            dwLaterMs = dwWritten == 0 ? STALLED_MS : 0;
             return SEND_LATER;
         }
     }

@@ -272,6 +272,7 @@ void TESerialSendReactor::SendLoop()
     {
         const DWORD dwWoken =
             WaitForMultipleObjects(static_cast<DWORD>(m_nWait), m_aWait.data(), FALSE, WaitForLater());
+        RaiseLater(); // before the line that was found may ask again, so that the others have their turn first
         if (dwWoken == WAIT_OBJECT_0 + QUIT)
             return;
         if (dwWoken == WAIT_OBJECT_0 + CHANGE)
@@ -280,7 +281,6 @@ void TESerialSendReactor::SendLoop()
             ProcessWriteEvent(static_cast<int>(dwWoken - WAIT_OBJECT_0));
         else if (dwWoken == WAIT_FAILED)
             Sleep(FAILED_WAIT_MS); // without memory
-        RaiseLater();
     }
 }
 
