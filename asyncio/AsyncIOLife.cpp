@@ -1,6 +1,7 @@
 #include "asyncio/AsyncIOLife.h"
 
 #include "asyncio/Report_Message_Queue.h"
+#include "asyncio/Response_Message_Queue.h"
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "asyncio/TEIOHandlerRecycler.h"
 #include "asyncio/TEIOReactor.h"
@@ -173,7 +174,7 @@ void TEAsyncIOMgrImpl::CreateResponseQueue()
     constexpr std::size_t BYTES = 10'240'000;
     if (Settings().nAppProcessThreadNum < 1)
         return;
-    m_pRspMsgQueue = new (std::nothrow) ACE_Message_Queue<ACE_MT_SYNCH>(BYTES, BYTES);
+    m_pRspMsgQueue = new (std::nothrow) Response_Message_Queue(BYTES, BYTES);
     if (m_pRspMsgQueue == nullptr)
     {
         TarnAdapterFrmtTrace(0, "TEAsyncIOMgrImpl::Init, failed to new ACE_Message_Queue");

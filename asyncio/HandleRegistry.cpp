@@ -11,8 +11,6 @@
 
 #include <ace/Flag_Manip.h>
 
-#include <sys/select.h>
-
 #include <cerrno>
 
 int TEAsyncIOMgrImpl::SendToOutBuffer(ACE_HANDLE handle, const char* pData, int iLength)
@@ -168,9 +166,6 @@ int TEAsyncIOMgrImpl::RegisterInReactor(ACE_HANDLE handle, TarnConnectorImpl& co
 int TEAsyncIOMgrImpl::TakeBackRegistration(ACE_HANDLE handle, int iResult)
 {
     TarnAdapterFrmtTrace(1, "Register handle err : %d  errno %d\n", iResult, errno);
-    if (handle >= FD_SETSIZE)
-        TarnAdapterFrmtTrace(1, "handle %d is too high, the reactor serves handles below %d\n", handle,
-                             FD_SETSIZE);
     const TarnGuard guard(m_RegistryLock);
     const auto it = m_mapConnector.find(handle);
     if (it != m_mapConnector.end())
@@ -291,8 +286,8 @@ void TEAsyncIOMgrImpl::ReportDropped(TarnConnectorImpl& connector)
     });
     if (!bNoted)
         return;
-    if (ACE_Reactor* pReactor = m_pReactor)
-        pReactor->notify(); // whoever waits there now comes by BreakDropped
+    if (TEIOReactor* pReactor = m_pReactorImpl)
+        pReactor->Wake(); // whoever returns comes by BreakDropped
 }
 
 void TEAsyncIOMgrImpl::BreakDropped()

@@ -1,75 +1,211 @@
 #include "asyncio/TEIOReactor.h"
 
-#include "connection/WouldBlock.h"
-
 #include <ace/Event_Handler.h>
 #include <ace/Guard_T.h>
-#include <ace/Select_Reactor_Base.h>
+#include <ace/Time_Value.h>
 
-#include <sys/socket.h>
+#include <sys/select.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <new>
 
 namespace {
 
-// The handler call that this thread has begun last. ACE suspends the handle on the dispatching thread before
-// the call, and drops or resumes it on the same thread afterwards.
-struct DispatchedCall
-{
-    const TEIOReactor* pReactor = nullptr;
-    ACE_HANDLE handle = ACE_INVALID_HANDLE;
-    std::uint32_t ulGeneration = 0;
-};
-thread_local DispatchedCall t_Call;
+constexpr ACE_Reactor_Mask READ = ACE_Event_Handler::READ_MASK;
+constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
 
-// What ACE removes after a handler call that failed: the one event of the call. Whoever unregisters a handle
-// removes more.
-bool IsSingleEvent(ACE_Reactor_Mask mask)
+bool IsBeyondSets(ACE_HANDLE handle)
 {
-    return mask == ACE_Event_Handler::READ_MASK || mask == ACE_Event_Handler::WRITE_MASK ||
-           mask == ACE_Event_Handler::EXCEPT_MASK;
+    return handle >= FD_SETSIZE;
 }
 
-/// The writing end of a reactor's notification pipe, which ACE keeps to itself.
-class NotificationPipe : public ACE_Select_Reactor_Notify
+/// Place of a handle that is beyond the sets.
+std::size_t Place(ACE_HANDLE handle)
 {
-public:
-    static ACE_HANDLE WriteHandle(ACE_Reactor_Notify* pNotify)
-    {
-        auto* pPipe = dynamic_cast<ACE_Select_Reactor_Notify*>(pNotify);
-        return pPipe != nullptr ? (pPipe->*(&NotificationPipe::notification_pipe_)).write_handle()
-                                : ACE_INVALID_HANDLE;
-    }
-};
-
-bool Switch(ACE_Handle_Set& set, ACE_HANDLE handle, bool bOn)
-{
-    if ((set.is_set(handle) != 0) == bOn)
-        return false;
-    if (bOn)
-        set.set_bit(handle);
-    else
-        set.clr_bit(handle);
-    return true;
+    return static_cast<std::size_t>(handle - FD_SETSIZE);
 }
+
+/// The error with which a call has failed that says so by -1.
+int Fail(int iError)
+{
+    errno = iError;
+    return -1;
+}
+
+// The reactor that is telling a handler of its removal on this thread, with its token held.
+thread_local const TEIOReactor* t_pTelling = nullptr;
 
 } // namespace
 
+/// Holds the reactor's token for its own lifetime.
+///
+/// Whoever is woken in the token's own queue keeps it from all others until he runs, and so does each one after him: a queue
+/// that has once formed stays. Nearly everybody comes by here, so they wait for each other at an ordinary mutex before the
+/// token, which is free then. Not so while the thread holds the token by an operation of ACE's, which has not come by here;
+/// handlers are told of their removal in that state.
+class TEIOReactor::TokenGuard
+{
+public:
+    explicit TokenGuard(TEIOReactor& reactor) TARN_NO_THREAD_SAFETY_ANALYSIS : m_Reactor(reactor),
+                                                                               m_bGate(t_pTelling != &reactor)
+    {
+        if (m_bGate)
+            m_Reactor.m_TokenGate.acquire();
+        m_bOwned = m_Reactor.token_.acquire() != -1; // 1 after a wait
+    }
+    ~TokenGuard() TARN_NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (m_bOwned)
+            m_Reactor.token_.release();
+        if (m_bGate)
+            m_Reactor.m_TokenGate.release();
+    }
+    TokenGuard(const TokenGuard&) = delete;
+    TokenGuard& operator=(const TokenGuard&) = delete;
+
+    explicit operator bool() const { return m_bOwned; }
+
+private:
+    TEIOReactor& m_Reactor;
+    const bool m_bGate;
+    bool m_bOwned = false;
+};
+
 TEIOReactor::TEIOReactor()
-    : m_WakeHandle(NotificationPipe::WriteHandle(notify_handler_))
+    : m_tNextCheck(std::chrono::steady_clock::time_point())
 {}
 
-int TEIOReactor::notify(ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask, ACE_Time_Value* pTimeout)
+TEIOReactor::~TEIOReactor() = default;
+
+bool TEIOReactor::initialized()
 {
-    if (pHandler != nullptr)
-        return StoppableReactor::notify(pHandler, mask, pTimeout);
-    const ACE_Notification_Buffer buffer(nullptr, mask);
-    const auto iSent = send(m_WakeHandle, &buffer, sizeof(buffer), MSG_DONTWAIT | MSG_NOSIGNAL);
-    // In a full pipe there are wake-ups enough.
-    if (iSent == static_cast<ssize_t>(sizeof(buffer)) || (iSent == -1 && IsWouldBlock(errno)))
-        return 0;
-    return StoppableReactor::notify(pHandler, mask, pTimeout); // not a socket, or not open
+    return m_Ready.IsOpen() && StoppableReactor::initialized();
 }
+
+// ---------------------------------------------------------------------------------------------------------
+// Waiting
+
+int TEIOReactor::handle_events(ACE_Time_Value* pMaxWait)
+{
+    constexpr int LONGEST_WAIT_MS = 1000;
+    if (deactivated() != 0)
+        return Fail(ESHUTDOWN);
+    CheckHandles();
+    int iWaitMs = LONGEST_WAIT_MS;
+    if (pMaxWait != nullptr && *pMaxWait < ACE_Time_Value(1))
+        iWaitMs = static_cast<int>((pMaxWait->usec() + 999) / 1000);
+    ReadyQueue::Ready ready;
+    const int iReady = m_Ready.Wait(iWaitMs, ready);
+    if (iReady == 1)
+        Serve(ready);
+    return iReady;
+}
+
+void TEIOReactor::Wake()
+{
+    m_Ready.Wake();
+}
+
+void TEIOReactor::deactivate(int iStop)
+{
+    StoppableReactor::deactivate(iStop);
+    if (iStop != 0)
+        m_Ready.Stop();
+}
+
+int TEIOReactor::notify(ACE_Event_Handler* pHandler, ACE_Reactor_Mask /*mask*/, ACE_Time_Value* /*pTimeout*/)
+{
+    return pHandler == nullptr ? 0 : Fail(ENOTSUP);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Handler calls
+
+void TEIOReactor::Serve(const ReadyQueue::Ready& ready)
+{
+    Call call;
+    if (!BeginCall(ready, call))
+        return;
+    // At its end also when the thread is ended inside.
+    struct Ending
+    {
+        TEIOReactor& reactor;
+        const Call& call;
+        int iStatus = 0;
+        ACE_Reactor_Mask mask = WRITE;
+        ~Ending() { reactor.EndCall(call, iStatus, mask); }
+    } ending{*this, call};
+    if (call.bWrite)
+    {
+        do
+            ending.iStatus = call.pHandler->handle_output(call.handle);
+        while (ending.iStatus > 0);
+        if (ending.iStatus < 0 || !call.bRead || !MayGoOn(call))
+            return;
+    }
+    ending.mask = READ;
+    do
+        ending.iStatus = call.pHandler->handle_input(call.handle);
+    while (ending.iStatus > 0);
+}
+
+/// @return false when there is nothing to call
+bool TEIOReactor::BeginCall(const ReadyQueue::Ready& ready, Call& call)
+{
+    call.handle = ready.handle;
+    call.ulGeneration = ready.ulGeneration;
+    const TokenGuard guard(*this);
+    call.pHandler = find_handler_i(call.handle);
+    if (!guard || call.pHandler == nullptr || !IsRegistered(call))
+        return false;
+    const ACE_Reactor_Mask waiting = Bits(wait_set_, call.handle);
+    if (waiting == 0)
+        return false; // suspended
+    call.bRead = (waiting & ready.mask & READ) != 0;
+    call.bWrite = (waiting & ready.mask & WRITE) != 0;
+    if (!call.bRead && !call.bWrite)
+    {
+        Announce(call.handle); // for what has been switched off meanwhile
+        return false;
+    }
+    suspend_i(call.handle);
+    call.pHandler->add_reference();
+    return true;
+}
+
+/// Within the token.
+bool TEIOReactor::IsRegistered(const Call& call)
+{
+    return m_Ready.Generation(call.handle) == call.ulGeneration && find_handler_i(call.handle) == call.pHandler;
+}
+
+/// Between two calls for one announcement.
+bool TEIOReactor::MayGoOn(const Call& call)
+{
+    const TokenGuard guard(*this);
+    return guard && IsRegistered(call);
+}
+
+void TEIOReactor::EndCall(const Call& call, int iStatus, ACE_Reactor_Mask mask)
+{
+    ReadyQueue::Decision decision;
+    {
+        const TokenGuard guard(*this);
+        if (guard && iStatus < 0 && IsRegistered(call))
+            remove_handler_i(call.handle, mask);
+        if (guard && IsRegistered(call))
+        {
+            MoveBits(suspend_set_, wait_set_, call.handle);
+            decision = m_Ready.Decide(call.handle, Bits(wait_set_, call.handle));
+        }
+    }
+    Tell(decision, call.pHandler);
+    call.pHandler->remove_reference(); // which may delete it
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Interest
 
 int TEIOReactor::EnableWriteEvents(ACE_HANDLE handle)
 {
@@ -83,66 +219,233 @@ int TEIOReactor::DisableWriteEvents(ACE_HANDLE handle)
 
 int TEIOReactor::SwitchWriteEvents(ACE_HANDLE handle, bool bOn)
 {
-    ACE_GUARD_RETURN(ACE_Select_Reactor_Token, guard, token_, -1);
-    // First of all: it knows the range of handles, the sets do not.
-    if (handler_rep_.find(handle) == nullptr)
-        return 0;
-    if (wait_set_.rd_mask_.is_set(handle) != 0)
-        return Switch(wait_set_.wr_mask_, handle, bOn) ? 1 : 0;
-    if (suspend_set_.rd_mask_.is_set(handle) != 0)
-        return Switch(suspend_set_.wr_mask_, handle, bOn) ? 1 : 0;
-    return 0;
+    ReadyQueue::Decision decision;
+    ACE_Event_Handler* pHandler = nullptr;
+    const int iSwitched = SwitchBits(handle, bOn, decision, pHandler);
+    Tell(decision, pHandler);
+    return iSwitched;
 }
 
-void TEIOReactor::clear_dispatch_mask(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+/// @param decision  set to what is to be told without the token
+int TEIOReactor::SwitchBits(ACE_HANDLE handle, bool bOn, ReadyQueue::Decision& decision,
+                            ACE_Event_Handler*& pHandler)
 {
-    if (handler_rep_.find(handle) == nullptr)
+    const TokenGuard guard(*this);
+    if (!guard)
+        return -1;
+    // First of all: it knows the range of handles, the sets do not.
+    pHandler = find_handler_i(handle);
+    if (pHandler == nullptr)
+        return 0;
+    const bool bWaiting = (Bits(wait_set_, handle) & READ) != 0;
+    Set& set = bWaiting ? wait_set_ : suspend_set_;
+    const ACE_Reactor_Mask bits = Bits(set, handle);
+    if ((bits & READ) == 0 || ((bits & WRITE) != 0) == bOn)
+        return 0;
+    ChangeBits(set, handle, WRITE, bOn);
+    if (bWaiting)
+        decision = m_Ready.Decide(handle, Bits(wait_set_, handle));
+    return 1;
+}
+
+ACE_Reactor_Mask TEIOReactor::Bits(Set& set, ACE_HANDLE handle)
+{
+    if (IsBeyondSets(handle))
+        return &set == &wait_set_ ? m_BeyondSets[Place(handle)].waitMask : m_BeyondSets[Place(handle)].suspendMask;
+    return (set.rd_mask_.is_set(handle) != 0 ? READ : 0) | (set.wr_mask_.is_set(handle) != 0 ? WRITE : 0);
+}
+
+void TEIOReactor::ChangeBits(Set& set, ACE_HANDLE handle, ACE_Reactor_Mask mask, bool bOn)
+{
+    if (IsBeyondSets(handle))
     {
-        ACE_TP_Reactor::clear_dispatch_mask(handle, mask);
+        HandleBeyondSets& record = m_BeyondSets[Place(handle)];
+        ACE_Reactor_Mask& bits = &set == &wait_set_ ? record.waitMask : record.suspendMask;
+        bits = bOn ? bits | mask : bits & ~mask;
         return;
     }
-    ready_set_.rd_mask_.clr_bit(handle);
-    ready_set_.wr_mask_.clr_bit(handle);
-    ready_set_.ex_mask_.clr_bit(handle);
+    const auto change = [handle, bOn](ACE_Handle_Set& handles) {
+        if (bOn)
+            handles.set_bit(handle);
+        else
+            handles.clr_bit(handle);
+    };
+    if ((mask & READ) != 0)
+        change(set.rd_mask_);
+    if ((mask & WRITE) != 0)
+        change(set.wr_mask_);
 }
 
-int TEIOReactor::any_ready(ACE_Select_Reactor_Handle_Set& waitSet)
+void TEIOReactor::MoveBits(Set& from, Set& to, ACE_HANDLE handle)
 {
-    return any_ready_i(waitSet);
+    const ACE_Reactor_Mask bits = Bits(from, handle);
+    ChangeBits(to, handle, bits, true);
+    ChangeBits(from, handle, bits, false);
 }
 
-int TEIOReactor::register_handler_i(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask)
+/// Has the kernel announce of a handle what its bits in the wait set say. A handle that the kernel does not know any more
+/// has been closed behind the reactor's back and is dropped. Within the token.
+int TEIOReactor::Announce(ACE_HANDLE handle)
 {
-    const bool bFirst = handler_rep_.find(handle) == nullptr;
-    const int iResult = ACE_TP_Reactor::register_handler_i(handle, pHandler, mask);
-    if (iResult == 0 && bFirst && handle < FD_SETSIZE)
-        ++m_Generation[static_cast<std::size_t>(handle)];
+    const int iResult = m_Ready.Tell(m_Ready.Decide(handle, Bits(wait_set_, handle)));
+    if (iResult != 0)
+        remove_handler_i(handle, ACE_Event_Handler::ALL_EVENTS_MASK);
     return iResult;
 }
 
-int TEIOReactor::remove_handler_i(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+/// The same for what has been decided within the token and is told without it: who is woken by it may want it.
+void TEIOReactor::Tell(const ReadyQueue::Decision& decision, ACE_Event_Handler* pHandler)
 {
-    if (IsSingleEvent(mask) && IsStaleCall(handle))
-        return 0;
-    return ACE_TP_Reactor::remove_handler_i(handle, mask);
+    if (m_Ready.Tell(decision) == 0)
+        return;
+    const TokenGuard guard(*this);
+    if (guard && IsRegistered({decision.handle, decision.ulGeneration, pHandler, false, false}))
+        remove_handler_i(decision.handle, ACE_Event_Handler::ALL_EVENTS_MASK);
 }
 
 int TEIOReactor::suspend_i(ACE_HANDLE handle)
 {
-    const int iResult = ACE_TP_Reactor::suspend_i(handle);
-    if (iResult == 0)
-        t_Call = {this, handle, m_Generation[static_cast<std::size_t>(handle)]};
-    return iResult;
+    if (find_handler_i(handle) == nullptr)
+        return -1;
+    // The kernel is not told: an announcement for a suspended handle is dropped, and it makes no second one.
+    MoveBits(wait_set_, suspend_set_, handle);
+    return 0;
 }
 
 int TEIOReactor::resume_i(ACE_HANDLE handle)
 {
-    return IsStaleCall(handle) ? 0 : ACE_TP_Reactor::resume_i(handle);
+    if (find_handler_i(handle) == nullptr)
+        return -1;
+    MoveBits(suspend_set_, wait_set_, handle);
+    return Announce(handle);
 }
 
-// True when this thread's last handler call was for an earlier registration of the handle.
-bool TEIOReactor::IsStaleCall(ACE_HANDLE handle) const
+int TEIOReactor::is_suspended_i(ACE_HANDLE handle)
 {
-    return t_Call.pReactor == this && t_Call.handle == handle &&
-           t_Call.ulGeneration != m_Generation[static_cast<std::size_t>(handle)];
+    return find_handler_i(handle) != nullptr && Bits(suspend_set_, handle) != 0 ? 1 : 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Registrations
+
+ACE_Event_Handler* TEIOReactor::find_handler_i(ACE_HANDLE handle)
+{
+    if (!IsBeyondSets(handle))
+        return handler_rep_.find(handle);
+    return Place(handle) < m_BeyondSets.size() ? m_BeyondSets[Place(handle)].pHandler : nullptr;
+}
+
+int TEIOReactor::register_handler_i(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask)
+{
+    if (pHandler == nullptr || handle < 0)
+        return Fail(EINVAL);
+    const ACE_Event_Handler* pRegistered = find_handler_i(handle);
+    if (pRegistered != nullptr && pRegistered != pHandler)
+        return Fail(EEXIST);
+    if (pRegistered == nullptr)
+        return AddHandler(handle, pHandler, mask);
+    const bool bSuspended = is_suspended_i(handle) != 0;
+    ChangeBits(bSuspended ? suspend_set_ : wait_set_, handle, mask & (READ | WRITE), true);
+    return bSuspended ? 0 : Announce(handle);
+}
+
+int TEIOReactor::AddHandler(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask)
+{
+    // First: it knows which descriptors there are.
+    if (m_Ready.Add(handle, mask) != 0)
+        return -1;
+    const int iResult = IsBeyondSets(handle) ? AddBeyondSets(handle, pHandler, mask)
+                                             : ACE_TP_Reactor::register_handler_i(handle, pHandler, mask);
+    if (iResult == 0)
+        return 0;
+    const int iError = errno;
+    m_Ready.Remove(handle);
+    return Fail(iError);
+}
+
+int TEIOReactor::remove_handler_i(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+{
+    struct Telling
+    {
+        const TEIOReactor* const pOuter = t_pTelling;
+        explicit Telling(const TEIOReactor* pReactor) { t_pTelling = pReactor; }
+        ~Telling() { t_pTelling = pOuter; }
+    } const telling(this);
+    if (find_handler_i(handle) == nullptr)
+        return Fail(ENOENT);
+    const ACE_Reactor_Mask bits = Bits(wait_set_, handle) | Bits(suspend_set_, handle);
+    if ((bits & ~mask) == 0)
+        m_Ready.Remove(handle);
+    const int iResult = IsBeyondSets(handle) ? RemoveBeyondSets(handle, mask)
+                                             : ACE_TP_Reactor::remove_handler_i(handle, mask);
+    if ((bits & ~mask) != 0 && find_handler_i(handle) != nullptr && Bits(wait_set_, handle) != 0)
+        Announce(handle);
+    return iResult;
+}
+
+int TEIOReactor::AddBeyondSets(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask)
+{
+    try
+    {
+        m_BeyondSets.resize(std::max(m_BeyondSets.size(), Place(handle) + 1));
+    }
+    catch (const std::bad_alloc&)
+    {
+        return Fail(ENOMEM);
+    }
+    m_BeyondSets[Place(handle)] = {mask & (READ | WRITE), 0, pHandler};
+    pHandler->add_reference();
+    return 0;
+}
+
+/// As ACE's repository does.
+int TEIOReactor::RemoveBeyondSets(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+{
+    ChangeBits(wait_set_, handle, mask, false);
+    ChangeBits(suspend_set_, handle, mask, false);
+    HandleBeyondSets& record = m_BeyondSets[Place(handle)];
+    ACE_Event_Handler* pHandler = record.pHandler;
+    const bool bGone = (record.waitMask | record.suspendMask) == 0;
+    if (bGone)
+        record.pHandler = nullptr;
+    if ((mask & ACE_Event_Handler::DONT_CALL) == 0)
+        pHandler->handle_close(handle, mask);
+    if (bGone)
+        pHandler->remove_reference();
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Descriptors closed behind the reactor's back
+
+/// The kernel forgets a descriptor that is closed, silently. So the handles are looked over, a part of them each second.
+void TEIOReactor::CheckHandles()
+{
+    constexpr auto INTERVAL = std::chrono::seconds(1);
+    constexpr std::size_t HANDLES_AT_ONCE = 16;
+    constexpr std::size_t HANDLES = 1024;
+    const auto tNow = std::chrono::steady_clock::now();
+    auto tNext = m_tNextCheck.load();
+    if (tNow < tNext || !m_tNextCheck.compare_exchange_strong(tNext, tNow + INTERVAL))
+        return;
+    for (std::size_t u = 0; u < HANDLES && DropClosedHandles(HANDLES_AT_ONCE); u += HANDLES_AT_ONCE)
+    {}
+}
+
+/// Asks the kernel for the next handles. @return false at the end of the handles
+bool TEIOReactor::DropClosedHandles(std::size_t uMost)
+{
+    const TokenGuard guard(*this);
+    for (; uMost > 0 && m_uNextToCheck < m_Ready.Handles(); ++m_uNextToCheck)
+    {
+        const auto handle = static_cast<ACE_HANDLE>(m_uNextToCheck);
+        if (find_handler_i(handle) == nullptr || Bits(wait_set_, handle) == 0)
+            continue;
+        Announce(handle);
+        --uMost;
+    }
+    if (m_uNextToCheck < m_Ready.Handles())
+        return true;
+    m_uNextToCheck = 0;
+    return false;
 }

@@ -1,66 +1,135 @@
 #ifndef TARN_ASYNCIO_TEIOREACTOR_H
 #define TARN_ASYNCIO_TEIOREACTOR_H
 
+#include "asyncio/ReadyQueue.h"
 #include "core/StoppableReactor.h"
+#include "tarnadapterframe/TarnLock.h"
 
 #include <ace/TP_Reactor.h>
 
-#include <sys/select.h>
-
-#include <array>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <vector>
 
-/// The reactor of the I/O threads: ACE's thread-pool reactor, with write interest that is switched in place,
-/// even service for all connections, and registrations that an old handler call cannot take down.
+/// The reactor of the I/O threads: ACE's thread-pool reactor with a wait of its own. Any number of threads wait
+/// side by side, in epoll(7) and without the reactor's token, so that who wants the token wakes nobody; handles are
+/// served in the order in which they become ready, whatever their number; write interest is switched in place.
 ///
-/// One thread waits, the leader; the others wait for the reactor's token. A handle is not dispatched again
-/// while one of its handler calls runs. The operations with `_i`, and clear_dispatch_mask, are ACE's
-/// extension points; ACE calls them with the token held.
+/// **One call at a time.** The kernel announces a handle once and then keeps silent about it (EPOLLONESHOT). A call
+/// begins by moving the handle from the wait set to the suspend set, and ends by moving it back and telling the kernel
+/// what to announce next, each under the token. A thread that comes with an announcement for a handle that is
+/// suspended drops it: the end of the call under way asks the kernel again, which looks at the handle anew.
+///
+/// **Registrations** have a generation each. Announcements carry it, and a call remembers it: a handler may be
+/// unregistered and registered again meanwhile, for a new descriptor with the old number, which an old announcement
+/// must not serve and an old call must not take down.
+///
+/// **Handles from FD_SETSIZE on**, which ACE's repository and sets cannot hold, have their place in m_BeyondSets; for the
+/// others ACE's own are used. The operations with `_i` are ACE's extension points, called with the token held.
+///
+/// Timers and notifications with a handler are not served; the reactor of the timer thread is for these. Interest is
+/// changed by registering and removing, by suspending and resuming single handles, and by the two operations here.
 class TEIOReactor : public StoppableReactor<ACE_TP_Reactor>
 {
 public:
-    /// Built only when ReactorDescriptorsAvailable() says so; ACE aborts the process otherwise.
+    /// Built only when ReactorDescriptorsAvailable() says so; ACE aborts the process otherwise. When the system gives
+    /// no descriptors for the wait, initialized() is false.
     TEIOReactor();
+    ~TEIOReactor() override;
+    TEIOReactor(const TEIOReactor&) = delete;
+    TEIOReactor& operator=(const TEIOReactor&) = delete;
 
-    /// Switches write events of a registered handle on or off, without waking anybody but the leader, which
-    /// waits again with the new interest. During a handler call of the handle the change takes effect when
-    /// the call ends. Any thread; takes the token, so the caller must not hold a lock that a thread with the
-    /// token wants.
+    /// Switches write events of a registered handle on or off, without waking anybody. During a handler call of the
+    /// handle the change takes effect when the call ends. Any thread; takes the token, so the caller must not hold a
+    /// lock that a thread with the token wants.
     /// @return 1 switched now; 0 nothing to switch, or not registered (any number may be given);
     ///         -1 the token could not be taken
     int EnableWriteEvents(ACE_HANDLE handle);
     int DisableWriteEvents(ACE_HANDLE handle);
 
-    /// Wakes the leader, in one system call where ACE takes five: each time somebody wants the token. With a
-    /// handler it is ACE's notification.
+    /// Waits for one handle and makes its calls: handle_output when it may be written and write events are on, then
+    /// handle_input when there is something to read. A result above 0 is called again at once, one below 0 drops the
+    /// handler for that event.
+    /// @param pMaxWait  null: about a second, then the handles are looked over, see CheckHandles
+    /// @return handles served, 0 or 1; -1 with the error (EINTR; ESHUTDOWN when the loops have been ended)
+    int handle_events(ACE_Time_Value* pMaxWait = nullptr) override;
+    using StoppableReactor::handle_events;
+
+    /// Has one of the waiting threads, or the next that is going to wait, return from handle_events.
+    void Wake();
+
+    bool initialized() override;
+    /// Ends all waits, now and later, when iStop is not 0.
+    void deactivate(int iStop) override;
+    /// ACE's token calls it for whoever waits for it: the holder is not in a wait, so there is nobody to wake.
+    /// @return 0; -1 with a handler
     int notify(ACE_Event_Handler* pHandler = nullptr, ACE_Reactor_Mask mask = ACE_Event_Handler::EXCEPT_MASK,
                ACE_Time_Value* pTimeout = nullptr) override;
 
 protected:
-    // ACE forgets every remembered ready handle after each event and waits again from the lowest one up, so
-    // that busy low handles starve the others. Here only the given handle is forgotten.
-    void clear_dispatch_mask(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
-
-    // ACE blocks all signals around this; the I/O threads have them blocked already.
-    int any_ready(ACE_Select_Reactor_Handle_Set& waitSet) override;
-
-    // After a handler call ACE drops or resumes the handle when the same handler is still registered for it.
-    // That is not enough: the handler may have been unregistered and registered again meanwhile, for a new
-    // descriptor with the old number. Each registration has a generation, remembered when a call begins.
     using ACE_TP_Reactor::register_handler_i;
     using ACE_TP_Reactor::remove_handler_i;
+    /// @return 0; -1 with the error: EEXIST another handler has the handle, EPERM no such descriptor can be waited
+    ///         for, EBADF, ENOSPC, ...
     int register_handler_i(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask) override;
     int remove_handler_i(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
     int suspend_i(ACE_HANDLE handle) override;
     int resume_i(ACE_HANDLE handle) override;
+    int is_suspended_i(ACE_HANDLE handle) override;
+    ACE_Event_Handler* find_handler_i(ACE_HANDLE handle) override;
 
 private:
-    int SwitchWriteEvents(ACE_HANDLE handle, bool bOn);
-    bool IsStaleCall(ACE_HANDLE handle) const;
+    using Set = ACE_Select_Reactor_Handle_Set;
 
-    const ACE_HANDLE m_WakeHandle;
-    // Guarded by the token. By handle; only handles that handler_rep_ knows are looked up.
-    std::array<std::uint32_t, FD_SETSIZE> m_Generation{};
+    class TokenGuard;
+
+    /// What ACE's repository and sets would hold of a handle if they could.
+    struct HandleBeyondSets
+    {
+        ACE_Reactor_Mask waitMask = 0;
+        ACE_Reactor_Mask suspendMask = 0;
+        ACE_Event_Handler* pHandler = nullptr;
+    };
+
+    /// A handler call under way.
+    struct Call
+    {
+        ACE_HANDLE handle = ACE_INVALID_HANDLE;
+        std::uint32_t ulGeneration = 0;
+        ACE_Event_Handler* pHandler = nullptr; // with a reference
+        bool bWrite = false;
+        bool bRead = false;
+    };
+
+    bool IsRegistered(const Call& call);
+    bool BeginCall(const ReadyQueue::Ready& ready, Call& call);
+    bool MayGoOn(const Call& call);
+    void EndCall(const Call& call, int iStatus, ACE_Reactor_Mask mask);
+    void Serve(const ReadyQueue::Ready& ready);
+
+    int SwitchWriteEvents(ACE_HANDLE handle, bool bOn);
+    int SwitchBits(ACE_HANDLE handle, bool bOn, ReadyQueue::Decision& decision, ACE_Event_Handler*& pHandler);
+    int AddHandler(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask);
+    int AddBeyondSets(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask);
+    int RemoveBeyondSets(ACE_HANDLE handle, ACE_Reactor_Mask mask);
+    ACE_Reactor_Mask Bits(Set& set, ACE_HANDLE handle);
+    void ChangeBits(Set& set, ACE_HANDLE handle, ACE_Reactor_Mask mask, bool bOn);
+    void MoveBits(Set& from, Set& to, ACE_HANDLE handle);
+    int Announce(ACE_HANDLE handle);
+    void Tell(const ReadyQueue::Decision& decision, ACE_Event_Handler* pHandler);
+    void CheckHandles();
+    bool DropClosedHandles(std::size_t uMost);
+
+    ReadyQueue m_Ready; // its owner's lock is the token
+
+    TarnThreadMutex m_TokenGate; // taken before the token, see TokenGuard
+
+    // Guarded by the token. From FD_SETSIZE on; grows as handles are registered.
+    std::vector<HandleBeyondSets> m_BeyondSets;
+    std::size_t m_uNextToCheck = 0;
+
+    std::atomic<std::chrono::steady_clock::time_point> m_tNextCheck;
 };
 
 #endif

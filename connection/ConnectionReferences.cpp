@@ -19,32 +19,45 @@ bool IsRecording()
 
 void TarnConnectorImpl::IncRef()
 {
+    if (!IsRecording())
+    {
+        ++m_nRefCount;
+        return;
+    }
     const int iGroupID = GetGroupID();
     const std::uint32_t ulTargetID = GetTargetID();
     const TarnWriteGuard guard(m_ReferenceLock);
     ++m_nRefCount;
-    if (!IsRecording())
-        return;
     const ACE_thread_t thread = ACE_Thread::self();
     TarnAdapterFrmtTrace(1, "TarnConnectorImpl IncRef GroupID = %d,TargetID = 0x%x,threadid = 0x%x\n",
                          iGroupID, ulTargetID, Low32(thread));
     m_RefThreads.push_back(thread);
 }
 
+/// Lowers the count unless it is 0. @return true when it has been lowered
+bool TarnConnectorImpl::LowerRefCount()
+{
+    int nRefCount = m_nRefCount;
+    while (nRefCount > 0)
+        if (m_nRefCount.compare_exchange_weak(nRefCount, nRefCount - 1))
+            return true;
+    return false;
+}
+
 void TarnConnectorImpl::DecRef()
 {
+    const bool bRecording = IsRecording();
+    if (!bRecording && LowerRefCount())
+        return;
     const int iGroupID = GetGroupID();
     const std::uint32_t ulTargetID = GetTargetID();
     const TarnWriteGuard guard(m_ReferenceLock);
-    if (m_nRefCount < 1)
+    if (!bRecording || !LowerRefCount())
     {
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl, RefCount error(<0)! GroupID = %d,TargetID = 0x%x\n",
                              iGroupID, ulTargetID);
         return;
     }
-    --m_nRefCount;
-    if (!IsRecording())
-        return;
     const ACE_thread_t thread = ACE_Thread::self();
     TarnAdapterFrmtTrace(1, "TarnConnectorImpl DecRef GroupID = %d,TargetID = 0x%x,threadid = 0x%x\n",
                          iGroupID, ulTargetID, Low32(thread));
@@ -56,12 +69,6 @@ void TarnConnectorImpl::DecRef()
                              "TarnConnectorImpl, DecRef, RefCount's Threadid doesn't match! GroupID = "
                              "%d,TargetID = 0x%x,threadid = 0x%x\n",
                              iGroupID, ulTargetID, Low32(thread));
-}
-
-int TarnConnectorImpl::GetRefCount()
-{
-    const TarnReadGuard guard(m_ReferenceLock);
-    return m_nRefCount;
 }
 
 void TarnConnectorImpl::TakeReactorReference()
@@ -85,7 +92,6 @@ void TarnConnectorImpl::AbandonReferences()
 
 void TarnConnectorImpl::ForgetReferences()
 {
-    const TarnWriteGuard guard(m_ReferenceLock);
     m_nRefCount = 0;
 }
 

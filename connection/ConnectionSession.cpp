@@ -34,7 +34,6 @@ void TarnConnectorImpl::StoreHandle(ACE_HANDLE handle)
 
 ACE_HANDLE TarnConnectorImpl::GetHandle()
 {
-    const TarnReadGuard guard(m_ParameterLock);
     return m_Handle;
 }
 
@@ -78,7 +77,6 @@ std::uint32_t TarnConnectorImpl::ServedSession()
     const std::uint32_t ulSession = m_ulSession;
     if (GetHandle() == ACE_INVALID_HANDLE || m_ulServed != ulSession)
         return 0;
-    const std::lock_guard<std::mutex> guard(m_ClaimMutex);
     return IsLater(ulSession, m_ulBreakClaimed) ? ulSession : 0;
 }
 

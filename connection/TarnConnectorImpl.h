@@ -111,7 +111,7 @@ public:
     /// Queues bytes for sending and has an I/O thread send them, see TEAsyncIOMgr::SendToOutBuffer.
     /// @return 0 queued, or no memory (logged); -1 refused
     virtual int AddAndSendData(const char* pData, int iLength) TARN_EXCLUDES(m_SendLock);
-    virtual ACE_HANDLE GetHandle() TARN_EXCLUDES(m_ParameterLock);
+    virtual ACE_HANDLE GetHandle();
     virtual void* GetSocketStream();
     /// Receives once and frames what there is. @return above 0 more may be waiting, 0 done, below 0 broken
     virtual int Read();
@@ -161,7 +161,7 @@ public:
 
     void IncRef() TARN_EXCLUDES(m_ReferenceLock);
     void DecRef() TARN_EXCLUDES(m_ReferenceLock);
-    int GetRefCount() TARN_EXCLUDES(m_ReferenceLock);
+    int GetRefCount() const { return m_nRefCount; }
     /// Logs which threads hold references, when they are recorded.
     void DumpRefThreadInfo() TARN_EXCLUDES(m_ReferenceLock);
     /// The reactor's reference, one while it has the connection. It may drop a descriptor that the host has
@@ -172,7 +172,7 @@ public:
     /// The references of the registry and the reactor of an engine that is gone: nobody will ever release them.
     /// The open session may be served and announced anew.
     void AbandonReferences();
-    void ForgetReferences() TARN_EXCLUDES(m_ReferenceLock);
+    void ForgetReferences();
     /// Pins by callers of the facade.
     void Pin();
     void Unpin();
@@ -294,6 +294,7 @@ private:
     int Break(HandlerCall& call, const char* pszDisConnectText);
     int ConsumeFrames();
     int DiscardInput(int iResult);
+    bool LowerRefCount();
     void NoteSent(std::size_t uSent);
     bool GatherOutput();
     bool TakeNextBlock();
@@ -310,8 +311,7 @@ private:
     int m_iGroupID TARN_GUARDED_BY(m_ParameterLock) = 0;
     std::uint32_t m_ulTargetID TARN_GUARDED_BY(m_ParameterLock) = 0;
     int m_iControlFlag TARN_GUARDED_BY(m_ParameterLock) = 7;
-    ACE_HANDLE
-    m_Handle TARN_GUARDED_BY(m_ParameterLock) = ACE_INVALID_HANDLE; // changed within the guard only
+    std::atomic<ACE_HANDLE> m_Handle{ACE_INVALID_HANDLE}; // changed within the guard and the parameter lock only
     ECommuProtocolType m_eProtocolType TARN_GUARDED_BY(m_ParameterLock) = TCP_TYPE;
     std::atomic<std::uint32_t> m_ulAdapterProtocolID{0};
 
@@ -329,8 +329,8 @@ private:
     TarnThreadMutex m_SendLock;
     bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;
 
+    std::atomic<int> m_nRefCount{0}; // changed within the reference lock, too, while references are recorded
     TarnRWThreadMutex m_ReferenceLock;
-    int m_nRefCount TARN_GUARDED_BY(m_ReferenceLock) = 0;
     std::vector<ACE_thread_t> m_RefThreads TARN_GUARDED_BY(m_ReferenceLock);
     std::atomic<bool> m_bReactorReference{false};
     std::atomic<int> m_nAbandoned{0};
@@ -347,7 +347,7 @@ private:
     // Guarded by m_ClaimMutex, a leaf: the last sessions claimed.
     std::mutex m_ClaimMutex;
     std::uint32_t m_ulOpenedClaimed = 0;
-    std::uint32_t m_ulBreakClaimed = 0;
+    std::atomic<std::uint32_t> m_ulBreakClaimed{0}; // changed within the mutex only
 
     HookQueue m_Hooks;
 };

@@ -7,46 +7,49 @@
 void StopGate::Open()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bShut = false;
+    m_uState &= ~SHUT;
 }
 
 void StopGate::Shut()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bShut = true;
+    m_uState |= SHUT;
 }
 
 void StopGate::ShutAndWait()
 {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    m_bShut = true;
-    while (!m_Left.wait_for(lock, std::chrono::seconds(1), [this] { return m_iInside == 0; }))
+    m_uState |= SHUT;
+    while (!m_Left.wait_for(lock, std::chrono::seconds(1), [this] { return m_uState == SHUT; }))
     {
-        const int iInside = m_iInside;
+        const auto iInside = static_cast<int>(m_uState & ~SHUT);
         lock.unlock(); // the log is the host's
         TarnAdapterFrmtTrace(3, "%s, waiting for %d calls to return\n", m_pszStop, iInside);
         lock.lock();
     }
 }
 
-bool StopGate::IsShut()
+bool StopGate::IsShut() const
 {
-    const std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_bShut;
+    return (m_uState & SHUT) != 0;
 }
 
 bool StopGate::Enter()
 {
-    const std::lock_guard<std::mutex> guard(m_Mutex);
-    if (m_bShut)
-        return false;
-    ++m_iInside;
-    return true;
+    std::uint32_t uState = m_uState;
+    while ((uState & SHUT) == 0)
+        if (m_uState.compare_exchange_weak(uState, uState + 1))
+            return true;
+    return false;
 }
 
 void StopGate::Leave()
 {
+    std::uint32_t uState = m_uState;
+    while ((uState & SHUT) == 0)
+        if (m_uState.compare_exchange_weak(uState, uState - 1))
+            return;
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    --m_iInside;
+    --m_uState;
     m_Left.notify_all();
 }

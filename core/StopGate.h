@@ -1,7 +1,9 @@
 #ifndef TARN_CORE_STOPGATE_H
 #define TARN_CORE_STOPGATE_H
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
 /// Lets work in until the stop, which shuts the gate and waits for the work inside. Work that comes later, also from
@@ -46,17 +48,20 @@ public:
     /// Shuts the gate and waits until nobody is inside, with a line in the log every second. Not to be
     /// called by somebody inside, nor with a lock held that they may want.
     void ShutAndWait();
-    bool IsShut();
+    bool IsShut() const;
 
 private:
     bool Enter();
     void Leave();
 
     const char* const m_pszStop;
+    static constexpr std::uint32_t SHUT = 1U << 31U;
+
     std::mutex m_Mutex;
     std::condition_variable m_Left;
-    bool m_bShut = false; // guarded by m_Mutex
-    int m_iInside = 0;    // guarded by m_Mutex
+    // How many are inside, and SHUT. An open gate is passed without the mutex; it is opened and shut under it, and a shut
+    // one is left under it, so that the one who waits may destroy the gate when nobody is inside.
+    std::atomic<std::uint32_t> m_uState{0};
 };
 
 #endif

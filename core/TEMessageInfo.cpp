@@ -9,13 +9,6 @@ TEMessageUnit::TEMessageUnit(std::uint32_t ulMsgSerial, std::uint32_t ulMsgProto
     , ulProtocolID(ulMsgProtocolID)
 {}
 
-bool TEMessageUnit::operator<(const TEMessageUnit& other) const
-{
-    if (ulProtocolID != other.ulProtocolID)
-        return ulProtocolID < other.ulProtocolID;
-    return ulSerial < other.ulSerial;
-}
-
 bool TEMessageUnit::operator==(const TEMessageUnit& other) const
 {
     return ulSerial == other.ulSerial && ulProtocolID == other.ulProtocolID && ulReserved == other.ulReserved;

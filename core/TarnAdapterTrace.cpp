@@ -16,6 +16,10 @@ constexpr int MAX_MESSAGE_LENGTH = 2048;
 
 void TarnAdapterFrmtTrace(int iLevel, const char* pszFormat, ...)
 {
+    // Most lines are left out, and their texts would cost more than what they tell of.
+    if (pszFormat != nullptr &&
+        !TarnDebugMgr::Instance()->Takes(static_cast<TarnLogLevel>(iLevel), false, false))
+        return;
     char szText[MAX_MESSAGE_LENGTH + 1];
     int iLength = -1;
     if (pszFormat != nullptr)

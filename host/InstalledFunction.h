@@ -16,6 +16,8 @@ public:
 
     Pointer Install(Pointer pfnNew) noexcept { return m_pfn.exchange(pfnNew, std::memory_order_acq_rel); }
 
+    bool IsInstalled() const noexcept { return m_pfn.load(std::memory_order_relaxed) != nullptr; }
+
     /// Calls the installed function; without one the result is fallback(). An exception that the installed
     /// function lets out goes no further: the result is then `failed`.
     template <class Fallback, class... Actual>

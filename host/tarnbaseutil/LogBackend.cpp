@@ -23,7 +23,7 @@ const std::uint64_t HURRY_LINES = 256;                   ///< how often a linger
 constexpr auto EXIT_FLUSH_TIME = std::chrono::seconds(2);
 constexpr auto REPORT_INTERVAL = std::chrono::milliseconds(100); ///< between reports while lines are dropped
 constexpr auto LINGER_TIME = std::chrono::milliseconds(100);
-constexpr auto LINGER_NAP = std::chrono::milliseconds(5);
+constexpr auto LINGER_NAP = std::chrono::milliseconds(1); ///< the longest that a line waits meanwhile
 
 // Held while the backend is started, and across each fork.
 std::mutex g_StartMutex;
@@ -212,17 +212,15 @@ void LogBackend::Adopt(LogSettings settings)
 bool LogBackend::Post(const std::string& strTag, int iLevel, const char* pszText, bool bPrint,
                       bool bLog) noexcept
 {
-    const LogRoute route = {bPrint, bLog || iLevel <= m_iLevel.load(std::memory_order_relaxed)};
-    if (!route.bPrint && !route.bLog)
+    if (!Takes(iLevel, bPrint, bLog))
         return false;
+    const LogRoute route = {bPrint, Takes(iLevel, false, bLog)};
     const int iKnownLevel = iLevel < TARN_LOG_RESOURCE ? TARN_LOG_RESOURCE
                             : iLevel > TARN_LOG_INFO   ? TARN_LOG_INFO
                                                        : iLevel;
     if (iKnownLevel == TARN_LOG_INFO && IsCrowded() && Drop())
         return false;
     const bool bTaken = Enqueue(strTag, iKnownLevel, pszText, route);
-    if (iKnownLevel <= TARN_LOG_ERROR)
-        m_Hurry.notify_one(); // it may be the last line before a crash
     if (m_bExiting && !m_bStalled)
         FlushWhileExiting();
     return bTaken;
@@ -310,7 +308,7 @@ void LogBackend::Handle(const spdlog::details::log_msg& msg) noexcept
     ++m_uHandled;
     m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
     ReportDrops(); // after m_uDeparted is set, see Drop
-    FlushIfDue(LevelOf(msg) <= TARN_LOG_ERROR);
+    FlushIfDue();
     Linger();
 }
 
@@ -360,9 +358,9 @@ void LogBackend::ReportDrops() noexcept
     }
 }
 
-void LogBackend::FlushIfDue(bool bUrgent) noexcept
+void LogBackend::FlushIfDue() noexcept
 {
-    if (!bUrgent && m_uFlushers == 0 && !m_Writer.IsFlushDue() && m_pQueue->queue_size() != 0)
+    if (m_uFlushers == 0 && !m_Writer.IsFlushDue() && m_pQueue->queue_size() != 0)
         return;
     m_Writer.Flush();
     {

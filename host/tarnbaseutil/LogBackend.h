@@ -36,6 +36,12 @@ public:
     /// The process's backend if it has been started, else null. Waits for a start under way.
     static LogBackend* InstanceIfStarted() noexcept;
 
+    /// Whether Post would let a line of this level and these flags through.
+    bool Takes(int iLevel, bool bPrint, bool bLog) const noexcept
+    {
+        return bPrint || bLog || iLevel <= m_iLevel.load(std::memory_order_relaxed);
+    }
+
     /// Queues one line if its level or its flags let it through. Never waits, except after the process has
     /// begun to exit. Any thread.
     /// @return true when the line has been queued
@@ -71,7 +77,7 @@ private:
     void WriteQueued(const spdlog::details::log_msg& msg) noexcept;
     void AdoptSettings();
     void ReportDrops() noexcept;
-    void FlushIfDue(bool bUrgent) noexcept;
+    void FlushIfDue() noexcept;
     void Linger() noexcept;
 
     // Constant after construction. The queue is spdlog's, with a lock of its own.

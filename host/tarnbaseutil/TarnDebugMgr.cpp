@@ -57,6 +57,20 @@ bool TarnDebugMgr::Trace(const std::string& strModule, TarnLogLevel eLevel, cons
         pszText, pAsnValue, bPrint, bLog);
 }
 
+bool TarnDebugMgr::Takes(TarnLogLevel eLevel, bool bPrint, bool bLog)
+{
+    if (g_LogSink.IsInstalled())
+        return true;
+    try
+    {
+        return LogBackend::Instance().Takes(eLevel, bPrint, bLog);
+    }
+    catch (...)
+    {
+        return true; // Trace has a last resort
+    }
+}
+
 bool TarnDebugMgr::Flush(int iTimeoutMs)
 {
     LogBackend* pBackend = LogBackend::InstanceIfStarted();

@@ -21,7 +21,11 @@ struct TARN_ADAPTER_API TEMessageUnit
     TEMessageUnit(std::uint32_t ulMsgSerial, std::uint32_t ulMsgProtocolID);
 
     /// By protocol id, then by serial.
-    bool operator<(const TEMessageUnit& other) const;
+    bool operator<(const TEMessageUnit& other) const
+    {
+        return ulProtocolID != other.ulProtocolID ? ulProtocolID < other.ulProtocolID
+                                                  : ulSerial < other.ulSerial;
+    }
     bool operator==(const TEMessageUnit& other) const;
 };
 

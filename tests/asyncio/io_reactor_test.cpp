@@ -1,4 +1,5 @@
 #include "asyncio/TEIOReactor.h"
+#include "support/DescriptorHog.h"
 #include "support/SocketPair.h"
 #include "support/TestHost.h"
 
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,7 +52,8 @@ constexpr ACE_Reactor_Mask DONT_CALL = ACE_Event_Handler::DONT_CALL;
 
 } // namespace
 
-class IOReactor : public ::testing::Test
+/// The parameter: whether the handles are beyond those that ACE's sets can hold.
+class IOReactor : public ::testing::TestWithParam<bool>
 {
 protected:
     /// Threads that run the reactor for as long as it exists. Unregistering does not wait for a handler call
@@ -85,9 +88,13 @@ protected:
 
 private:
     ACE_Reactor m_Front{&reactor};
+    const DescriptorHog m_Hog{GetParam() ? 1100 : 0}; // after the reactor, whose own descriptors ACE wants in its sets
 };
 
-TEST_F(IOReactor, WriteEventsAreSwitchedForRegisteredHandlesOnly)
+INSTANTIATE_TEST_SUITE_P(InACEsSets, IOReactor, ::testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(BeyondACEsSets, IOReactor, ::testing::Values(true));
+
+TEST_P(IOReactor, WriteEventsAreSwitchedForRegisteredHandlesOnly)
 {
     SocketPair pair;
     Handler handler;
@@ -113,7 +120,7 @@ TEST_F(IOReactor, WriteEventsAreSwitchedForRegisteredHandlesOnly)
     EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
 }
 
-TEST_F(IOReactor, SwitchingReachesTheLeaderInItsWait)
+TEST_P(IOReactor, SwitchingReachesThreadsInTheirWait)
 {
     SocketPair pair;
     Handler handler;
@@ -136,7 +143,7 @@ TEST_F(IOReactor, SwitchingReachesTheLeaderInItsWait)
 }
 
 // Connections that always have something to read: each gets its turn, the highest handle like the lowest.
-TEST_F(IOReactor, BusyHandlesAreServedEvenly)
+TEST_P(IOReactor, BusyHandlesAreServedEvenly)
 {
     constexpr int iConnections = 60;
     constexpr int iBytes = 2000;
@@ -175,7 +182,7 @@ TEST_F(IOReactor, BusyHandlesAreServedEvenly)
 
 // A handler call fails for a registration that is gone, while its handler is registered anew for a new
 // descriptor with the same number: the new registration stays, and is neither dropped nor told to close.
-TEST_F(IOReactor, FailedCallOfAnOldRegistrationLeavesTheNewOneAlone)
+TEST_P(IOReactor, FailedCallOfAnOldRegistrationLeavesTheNewOneAlone)
 {
     for (const int iOldResult : {-1, 0})
     {
@@ -228,7 +235,7 @@ TEST_F(IOReactor, FailedCallOfAnOldRegistrationLeavesTheNewOneAlone)
     }
 }
 
-TEST_F(IOReactor, FailedCallDropsItsOwnRegistration)
+TEST_P(IOReactor, FailedCallDropsItsOwnRegistration)
 {
     SocketPair pair;
     Handler handler;
@@ -240,16 +247,88 @@ TEST_F(IOReactor, FailedCallDropsItsOwnRegistration)
     EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), -1) << "gone already";
 }
 
-TEST_F(IOReactor, HandleNumbersBeyondTheLimitAreRefused)
+TEST_P(IOReactor, NumbersThatAreNoDescriptorsAreRefused)
 {
     Handler handler;
-    EXPECT_EQ(reactor.register_handler(1024, &handler, READ | WRITE), -1);
+    for (const ACE_HANDLE handle : {2000, 1 << 30})
+    {
+        EXPECT_EQ(reactor.register_handler(handle, &handler, READ | WRITE), -1);
+        EXPECT_EQ(errno, EBADF);
+    }
+    EXPECT_EQ(reactor.register_handler(-1, &handler, READ | WRITE), -1);
     EXPECT_EQ(errno, EINVAL);
+}
+
+// A registration whose descriptor was closed by somebody else is dropped, whoever gets its number.
+TEST_P(IOReactor, ADescriptorThatIsClosedWhileRegisteredIsDropped)
+{
+    Handler handler;
+    Handler next;
+    SocketPair pair;
+    const int iHandle = pair.iNear;
+    ASSERT_EQ(reactor.register_handler(iHandle, &handler, READ), 0);
+    const Running running(*this, 2);
+    pair.CloseNear();
+    ASSERT_TRUE(WaitUntil([&] { return handler.iCloses == 1; }));
+    std::atomic<int> iInputs{0};
+    next.onInput = [&](ACE_HANDLE handle) {
+        iInputs += ReadOne(handle);
+        return 0;
+    };
+    SocketPair fresh;
+    ASSERT_EQ(reactor.register_handler(fresh.iNear, &next, READ), 0);
+    fresh.Send(3);
+    EXPECT_TRUE(WaitUntil([&] { return iInputs == 3; }));
+    EXPECT_EQ(reactor.remove_handler(fresh.iNear, ALL | DONT_CALL), 0);
+    EXPECT_EQ(handler.iCloses, 1);
+}
+
+// Write events are switched on by several threads while the handler, whose calls read, switches them off: none is lost.
+TEST_P(IOReactor, SwitchingBesideCallsLosesNothing)
+{
+    SocketPair pair;
+    Handler handler;
+    std::atomic<int> nAsked{0};
+    std::atomic<int> nOutputs{0};
+    std::atomic<bool> bLeft{false};
+    handler.onInput = [](ACE_HANDLE handle) {
+        ReadOne(handle);
+        return 0;
+    };
+    std::mutex mutex; // as a connection's send lock
+    handler.onOutput = [&](ACE_HANDLE handle) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        reactor.DisableWriteEvents(handle);
+        nOutputs = nAsked.load();
+        return 0;
+    };
+    ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
+    {
+        const Running running(*this, 3);
+        std::thread feeder([&] {
+            while (!bLeft)
+                pair.Send(1);
+        });
+        for (int i = 1; i <= StressRounds(3000); ++i)
+        {
+            {
+                const std::lock_guard<std::mutex> guard(mutex);
+                nAsked = i;
+                reactor.EnableWriteEvents(pair.iNear);
+            }
+            EXPECT_TRUE(WaitUntil([&] { return nOutputs == i; })) << i;
+            if (nOutputs != i)
+                break;
+        }
+        bLeft = true;
+        feeder.join();
+    }
+    EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
 }
 
 // A handler's connection is closed, reopened under the same number and registered again while its last call
 // is about to fail: whichever comes first, each new registration is served.
-TEST_F(IOReactor, ReopenedHandlesAreServedThroughChurn)
+TEST_P(IOReactor, ReopenedHandlesAreServedThroughChurn)
 {
     Handler handler;
     std::atomic<int> iInputs{0};

@@ -91,7 +91,8 @@ TARN_HOST_API TarnLogSink TarnInstallLogSink(TarnLogSink pfnSink);
 ///
 /// A file that cannot be opened or written is reported on stderr and tried again every few seconds; its lines
 /// go to stderr meanwhile. When lines come faster than the disk takes them, information (level 3) is dropped
-/// first; the number of lines dropped is written to the log as soon as it moves again.
+/// first; the number of lines dropped is written to the log as soon as it moves again. A line is in the file a
+/// millisecond after it was logged, or sooner.
 class TARN_HOST_API TarnDebugMgr
 {
 public:
@@ -108,6 +109,11 @@ public:
     /// @return true when the text was taken, false when its level kept it out or it had to be dropped
     bool Trace(const std::string& strModule, TarnLogLevel eLevel, const char* pszText,
                const AsnType* pAsnValue, bool bPrint, bool bLog);
+
+    /// Whether Trace would take a text of this level and with these flags: who logs often need not make one that is
+    /// left out. Always true when a host's own log is installed. The default log answers at once, and starts as it
+    /// does for Trace.
+    bool Takes(TarnLogLevel eLevel, bool bPrint, bool bLog);
 
     /// Waits until every line taken before the call has been written or counted as dropped.
     /// The exit of the process does this by itself, for at most two seconds.

@@ -1,0 +1,168 @@
+#include "asyncio/ReadyQueue.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+namespace {
+
+constexpr ACE_Reactor_Mask READ = ACE_Event_Handler::READ_MASK;
+constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
+
+// What the kernel keeps for each descriptor: the handle and its generation, which is never 0.
+constexpr std::uint64_t NO_HANDLE = 0;
+
+std::uint64_t Pack(ACE_HANDLE handle, std::uint32_t ulGeneration)
+{
+    return std::uint64_t{ulGeneration} << 32U | static_cast<std::uint32_t>(handle);
+}
+
+std::uint32_t EventsOf(ACE_Reactor_Mask mask)
+{
+    std::uint32_t uEvents = EPOLLONESHOT;
+    if ((mask & READ) != 0)
+        uEvents |= EPOLLIN;
+    if ((mask & WRITE) != 0)
+        uEvents |= EPOLLOUT;
+    return uEvents;
+}
+
+/// As with select, a connection that is over may be read, and one in error written, too.
+ACE_Reactor_Mask MaskOf(std::uint32_t uEvents)
+{
+    ACE_Reactor_Mask mask = 0;
+    if ((uEvents & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0)
+        mask |= READ;
+    if ((uEvents & (EPOLLOUT | EPOLLERR)) != 0)
+        mask |= WRITE;
+    return mask;
+}
+
+void Signal(int iEvent)
+{
+    const std::uint64_t uOne = 1;
+    static_cast<void>(write(iEvent, &uOne, sizeof(uOne))); // it cannot be full
+}
+
+} // namespace
+
+ReadyQueue::ReadyQueue()
+    : m_Epoll(epoll_create1(EPOLL_CLOEXEC))
+    , m_WakeEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    , m_StopEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    // Edge-triggered: one thread for each write, and nobody needs to read it.
+    epoll_event wake = {EPOLLIN | EPOLLET, {}};
+    wake.data.u64 = NO_HANDLE;
+    epoll_event stop = {EPOLLIN, {}};
+    stop.data.u64 = NO_HANDLE;
+    if (epoll_ctl(m_Epoll, EPOLL_CTL_ADD, m_WakeEvent, &wake) == 0 &&
+        epoll_ctl(m_Epoll, EPOLL_CTL_ADD, m_StopEvent, &stop) == 0)
+        return;
+    if (m_Epoll >= 0)
+        close(m_Epoll);
+    m_Epoll = -1;
+}
+
+ReadyQueue::~ReadyQueue()
+{
+    for (const int iDescriptor : {m_Epoll, m_WakeEvent, m_StopEvent})
+        if (iDescriptor >= 0)
+            close(iDescriptor);
+}
+
+int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
+{
+    // One at a time: whoever waits takes the next one, while this thread may be inside its call for long.
+    epoll_event event{};
+    const int iReady = epoll_wait(m_Epoll, &event, 1, iTimeoutMs);
+    if (iReady != 1 || event.data.u64 == NO_HANDLE)
+        return iReady < 0 ? -1 : 0;
+    ready = {static_cast<ACE_HANDLE>(event.data.u64 & 0xFFFFFFFFU),
+             static_cast<std::uint32_t>(event.data.u64 >> 32U), MaskOf(event.events)};
+    return 1;
+}
+
+void ReadyQueue::Wake()
+{
+    Signal(m_WakeEvent);
+}
+
+void ReadyQueue::Stop()
+{
+    Signal(m_StopEvent);
+}
+
+int ReadyQueue::Control(int iOperation, ACE_HANDLE handle, std::uint32_t ulGeneration, ACE_Reactor_Mask mask)
+{
+    epoll_event event = {EventsOf(mask), {}};
+    event.data.u64 = Pack(handle, ulGeneration);
+    return epoll_ctl(m_Epoll, iOperation, handle, &event);
+}
+
+ReadyQueue::Record* ReadyQueue::Find(ACE_HANDLE handle)
+{
+    const auto uIndex = static_cast<std::size_t>(handle);
+    return uIndex < m_Records.size() ? &m_Records[uIndex] : nullptr;
+}
+
+std::uint32_t ReadyQueue::Generation(ACE_HANDLE handle) const
+{
+    const auto uIndex = static_cast<std::size_t>(handle);
+    return uIndex < m_Records.size() ? m_Records[uIndex].ulGeneration : 0;
+}
+
+int ReadyQueue::Add(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+{
+    // The kernel is asked first: it knows which descriptors there are, so that only these have records. It may know it
+    // still, since a descriptor's duplicate outlives its closing.
+    if (Control(EPOLL_CTL_ADD, handle, 0, 0) != 0 && errno != EEXIST)
+        return -1;
+    try
+    {
+        while (Find(handle) == nullptr)
+            m_Records.emplace_back();
+    }
+    catch (const std::bad_alloc&)
+    {
+        Control(EPOLL_CTL_DEL, handle, 0, 0);
+        errno = ENOMEM;
+        return -1;
+    }
+    Record& record = *Find(handle);
+    if (++record.ulGeneration == 0)
+        record.ulGeneration = 1;
+    return Tell(Decide(handle, mask));
+}
+
+void ReadyQueue::Remove(ACE_HANDLE handle)
+{
+    Record* pRecord = Find(handle);
+    if (pRecord == nullptr)
+        return;
+    const std::lock_guard<std::mutex> guard(pRecord->mutex);
+    pRecord->uTold = ++pRecord->uDecided;
+    Control(EPOLL_CTL_DEL, handle, 0, 0); // fails for one that has been closed
+}
+
+ReadyQueue::Decision ReadyQueue::Decide(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+{
+    Record* pRecord = Find(handle);
+    if (pRecord == nullptr)
+        return {};
+    return {handle, pRecord->ulGeneration, mask, ++pRecord->uDecided, pRecord};
+}
+
+int ReadyQueue::Tell(const Decision& decision)
+{
+    if (decision.pRecord == nullptr)
+        return 0;
+    const std::lock_guard<std::mutex> guard(decision.pRecord->mutex);
+    if (decision.uNumber < decision.pRecord->uTold)
+        return 0;
+    decision.pRecord->uTold = decision.uNumber;
+    return Control(EPOLL_CTL_MOD, decision.handle, decision.ulGeneration, decision.mask);
+}
