@@ -265,7 +265,7 @@ TEST_F(Serial, ALineThatIsNotReadHoldsUpNoOther)
     }));
     EXPECT_EQ(second.SendBytes("heard"), 0);
     EXPECT_EQ(line.Receive(10), "earlyheard");
-    EXPECT_EQ(s_nBefore, 0);
+    EXPECT_LE(s_nBefore, 1) << "once, if a block that is queued meanwhile asks for the first line's turn";
     RegisterTraceHexDataCBFunc(nullptr);
     EXPECT_EQ(deaf.Receive(strSent.size()), strSent) << "once it is read again, nothing is missing";
     EXPECT_EQ(first.UnRegister(), 0);
