@@ -12,7 +12,8 @@ namespace {
 constexpr ACE_Reactor_Mask READ = ACE_Event_Handler::READ_MASK;
 constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
 
-// What the kernel keeps for each descriptor: the handle and its generation, which is never 0.
+// What the kernel keeps for each descriptor: the handle and its generation. Generation 0 is nobody's: of the two events, and of
+// a handle between its adding and its first decision, which is told right after.
 constexpr std::uint64_t NO_HANDLE = 0;
 
 std::uint64_t Pack(ACE_HANDLE handle, std::uint32_t ulGeneration)
@@ -30,7 +31,7 @@ std::uint32_t EventsOf(ACE_Reactor_Mask mask)
     return uEvents;
 }
 
-/// As with select, a connection that is over may be read, and one in error written, too.
+/// As with select: a connection that is over may be read, one in error read and written.
 ACE_Reactor_Mask MaskOf(std::uint32_t uEvents)
 {
     ACE_Reactor_Mask mask = 0;
@@ -76,14 +77,72 @@ ReadyQueue::~ReadyQueue()
 
 int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
 {
+    // How many are taken from the posted ones until the kernel's have their turn.
+    constexpr unsigned POSTED_IN_A_ROW = 8;
+    thread_local unsigned t_uTaken = 0;
+    const bool bKernelsTurn = ++t_uTaken % POSTED_IN_A_ROW == 0;
+    if (!bKernelsTurn && TakePosted(ready))
+        return 1;
+    // Whoever posts looks at the number of waiting threads afterwards, and so do they at what is posted.
+    ++m_nWaiting;
+    const int iWaitMs = m_nPosted != 0 ? 0 : iTimeoutMs;
     // One at a time: whoever waits takes the next one, while this thread may be inside its call for long.
     epoll_event event{};
-    const int iReady = epoll_wait(m_Epoll, &event, 1, iTimeoutMs);
-    if (iReady != 1 || event.data.u64 == NO_HANDLE)
-        return iReady < 0 ? -1 : 0;
-    ready = {static_cast<ACE_HANDLE>(event.data.u64 & 0xFFFFFFFFU),
-             static_cast<std::uint32_t>(event.data.u64 >> 32U), MaskOf(event.events)};
-    return 1;
+    const int iReady = epoll_wait(m_Epoll, &event, 1, iWaitMs);
+    const int iError = errno;
+    --m_nWaiting;
+    if (iReady == 1 && event.data.u64 != NO_HANDLE)
+    {
+        ready = {static_cast<ACE_HANDLE>(event.data.u64 & 0xFFFFFFFFU),
+                 static_cast<std::uint32_t>(event.data.u64 >> 32U), MaskOf(event.events), false};
+        return 1;
+    }
+    m_bWaking = false;
+    if (TakePosted(ready))
+        return 1;
+    errno = iError;
+    return iReady < 0 ? -1 : 0;
+}
+
+bool ReadyQueue::Post(const Ready& ready)
+{
+    try
+    {
+        const std::lock_guard<std::mutex> guard(m_PostedMutex);
+        m_Posted.push_back(ready);
+        m_nPosted = m_Posted.size();
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false;
+    }
+    WakeForPosted();
+    return true;
+}
+
+/// One at a time: it wakes the next one when it finds more. Once m_bWaking is set the event is pending, until a thread that
+/// comes out of the wait without a handle clears it and looks.
+void ReadyQueue::WakeForPosted()
+{
+    if (m_nWaiting > 0 && !m_bWaking.exchange(true))
+        Signal(m_WakeEvent);
+}
+
+bool ReadyQueue::TakePosted(Ready& ready)
+{
+    if (m_nPosted == 0)
+        return false;
+    {
+        const std::lock_guard<std::mutex> guard(m_PostedMutex);
+        if (m_Posted.empty())
+            return false;
+        ready = m_Posted.front();
+        m_Posted.pop_front();
+        m_nPosted = m_Posted.size();
+    }
+    if (m_nPosted != 0)
+        WakeForPosted();
+    return true;
 }
 
 void ReadyQueue::Wake()
@@ -145,6 +204,7 @@ void ReadyQueue::Remove(ACE_HANDLE handle)
         return;
     const std::lock_guard<std::mutex> guard(pRecord->mutex);
     pRecord->uTold = ++pRecord->uDecided;
+    pRecord->askedFor = 0;
     Control(EPOLL_CTL_DEL, handle, 0, 0); // fails for one that has been closed
 }
 
@@ -153,7 +213,21 @@ ReadyQueue::Decision ReadyQueue::Decide(ACE_HANDLE handle, ACE_Reactor_Mask mask
     Record* pRecord = Find(handle);
     if (pRecord == nullptr)
         return {};
+    pRecord->askedFor = mask;
     return {handle, pRecord->ulGeneration, mask, ++pRecord->uDecided, pRecord};
+}
+
+ReadyQueue::Decision ReadyQueue::DecideIfNew(ACE_HANDLE handle, ACE_Reactor_Mask mask)
+{
+    const Record* pRecord = Find(handle);
+    return pRecord == nullptr || pRecord->askedFor == mask ? Decision{} : Decide(handle, mask);
+}
+
+void ReadyQueue::NoteAnnounced(const Ready& ready)
+{
+    Record* pRecord = Find(ready.handle);
+    if (!ready.bPosted && pRecord != nullptr && pRecord->ulGeneration == ready.ulGeneration)
+        pRecord->askedFor = 0;
 }
 
 int ReadyQueue::Tell(const Decision& decision)

@@ -2,15 +2,34 @@
 
 #include <cerrno>
 
+/// Counts a thread that waits, also when it is ended in its wait.
+class Response_Message_Queue::Waiting
+{
+public:
+    explicit Waiting(Response_Message_Queue& queue)
+        : m_Queue(queue)
+    {
+        ++m_Queue.m_nWaiting;
+    }
+    ~Waiting()
+    {
+        --m_Queue.m_nWaiting;
+        m_Queue.m_bWaking = false; // whoever was meant: this one looks, and wakes the next if there is more
+    }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+private:
+    Response_Message_Queue& m_Queue;
+};
+
 int Response_Message_Queue::wait_not_empty_cond(ACE_Time_Value* pTimeout)
 {
     while (is_empty_i())
     {
-        ++m_nWaiting;
+        const Waiting waiting(*this);
         const int iWaited = not_empty_cond_.wait(pTimeout);
         const int iError = errno;
-        --m_nWaiting;
-        m_bWaking = false; // whoever was meant: this one looks, and wakes the next if there is more
         if (iWaited == -1 || state_ != ACE_Message_Queue_Base::ACTIVATED)
         {
             errno = iWaited != -1 ? ESHUTDOWN : iError == ETIME ? EWOULDBLOCK : iError;

@@ -1,12 +1,7 @@
 #ifndef TARN_ASYNCIO_RESPONSE_MESSAGE_QUEUE_H
 #define TARN_ASYNCIO_RESPONSE_MESSAGE_QUEUE_H
 
-// The queue's header does not include what its locking needs.
-#include <ace/Condition_Thread_Mutex.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Thread_Mutex.h>
-
-#include <ace/Message_Queue.h>
+#include "core/BriefQueue.h"
 
 /// The response queue: ACE's queue, which wakes one of the waiting threads at a time.
 ///
@@ -14,10 +9,10 @@
 /// those signals wakes a thread that finds the queue empty again, and costs more than all the rest. Here whoever is
 /// woken wakes the next one when it finds more than one block, so that threads are woken as long as there is work for
 /// them: no block waits while a thread does, unless one is on its way.
-class Response_Message_Queue : public ACE_Message_Queue<ACE_MT_SYNCH>
+class Response_Message_Queue : public BriefQueue<>
 {
 public:
-    using ACE_Message_Queue<ACE_MT_SYNCH>::ACE_Message_Queue;
+    using BriefQueue::BriefQueue;
 
 protected:
     // ACE's extension points; called with the queue's lock held.
@@ -25,9 +20,11 @@ protected:
     int signal_dequeue_waiters() override;
 
 private:
+    class Waiting;
+
     // Guarded by the queue's lock.
-    int m_nWaiting = 0;      // threads in wait_not_empty_cond
-    bool m_bWaking = false;  // one of them has been signalled and has not run yet
+    int m_nWaiting = 0;     // threads in wait_not_empty_cond
+    bool m_bWaking = false; // one of them has been signalled and has not run yet
 };
 
 #endif

@@ -35,7 +35,7 @@ class TarnConnectorImpl;
 /// with the threads that handle messages.
 ///
 /// Locks, in their order: a connection's registration mutex and descriptor guard, registry lock, then a connection's parameter and
-/// reference locks; a connection's send lock and descriptor guard, then the I/O reactor's token; in the stop
+/// reference locks; a connection's send lock and descriptor guard, then the I/O reactor's gate and token; in the stop
 /// only, registry lock, then the token. The others are leaves.
 class TEAsyncIOMgrImpl : public TEAsyncIOMgr
 {

@@ -33,17 +33,18 @@ int Fail(int iError)
     return -1;
 }
 
-// The reactor that is telling a handler of its removal on this thread, with its token held.
+// The reactor that is removing a handler on this thread, inside handle_close perhaps, with its token held; else null.
 thread_local const TEIOReactor* t_pTelling = nullptr;
 
 } // namespace
 
 /// Holds the reactor's token for its own lifetime.
 ///
-/// Whoever is woken in the token's own queue keeps it from all others until he runs, and so does each one after him: a queue
-/// that has once formed stays. Nearly everybody comes by here, so they wait for each other at an ordinary mutex before the
-/// token, which is free then. Not so while the thread holds the token by an operation of ACE's, which has not come by here;
-/// handlers are told of their removal in that state.
+/// ACE's token is handed to the first thread of its queue, and nobody can take it until that thread runs. Once two threads
+/// wait, each hand-over costs a switch of threads, and the queue does not empty while they keep coming. So users of the
+/// reactor's own operations queue at an ordinary mutex first, and mostly find the token free. Not a thread that may hold the
+/// token already by one of ACE's operations (register_handler, remove_handler), which do not come by here: they call
+/// handle_close, which may come back here.
 class TEIOReactor::TokenGuard
 {
 public:
@@ -76,7 +77,14 @@ TEIOReactor::TEIOReactor()
     : m_tNextCheck(std::chrono::steady_clock::time_point())
 {}
 
-TEIOReactor::~TEIOReactor() = default;
+TEIOReactor::~TEIOReactor()
+{
+    // As ACE does with those in its repository.
+    const TokenGuard guard(*this);
+    for (std::size_t u = 0; u < m_BeyondSets.size(); ++u)
+        if (m_BeyondSets[u].pHandler != nullptr)
+            remove_handler_i(static_cast<ACE_HANDLE>(u) + FD_SETSIZE, ACE_Event_Handler::ALL_EVENTS_MASK);
+}
 
 bool TEIOReactor::initialized()
 {
@@ -156,6 +164,7 @@ bool TEIOReactor::BeginCall(const ReadyQueue::Ready& ready, Call& call)
     call.handle = ready.handle;
     call.ulGeneration = ready.ulGeneration;
     const TokenGuard guard(*this);
+    m_Ready.NoteAnnounced(ready);
     call.pHandler = find_handler_i(call.handle);
     if (!guard || call.pHandler == nullptr || !IsRegistered(call))
         return false;
@@ -177,7 +186,8 @@ bool TEIOReactor::BeginCall(const ReadyQueue::Ready& ready, Call& call)
 /// Within the token.
 bool TEIOReactor::IsRegistered(const Call& call)
 {
-    return m_Ready.Generation(call.handle) == call.ulGeneration && find_handler_i(call.handle) == call.pHandler;
+    return m_Ready.Generation(call.handle) == call.ulGeneration &&
+           find_handler_i(call.handle) == call.pHandler;
 }
 
 /// Between two calls for one announcement.
@@ -197,7 +207,7 @@ void TEIOReactor::EndCall(const Call& call, int iStatus, ACE_Reactor_Mask mask)
         if (guard && IsRegistered(call))
         {
             MoveBits(suspend_set_, wait_set_, call.handle);
-            decision = m_Ready.Decide(call.handle, Bits(wait_set_, call.handle));
+            decision = m_Ready.DecideIfNew(call.handle, Bits(wait_set_, call.handle));
         }
     }
     Tell(decision, call.pHandler);
@@ -207,35 +217,42 @@ void TEIOReactor::EndCall(const Call& call, int iStatus, ACE_Reactor_Mask mask)
 // ---------------------------------------------------------------------------------------------------------
 // Interest
 
-int TEIOReactor::EnableWriteEvents(ACE_HANDLE handle)
+int TEIOReactor::EnableWriteEvents(ACE_HANDLE handle, const ACE_Event_Handler* pOnly)
 {
-    return SwitchWriteEvents(handle, true);
+    return SwitchWriteEvents(handle, true, pOnly);
 }
 
-int TEIOReactor::DisableWriteEvents(ACE_HANDLE handle)
+int TEIOReactor::DisableWriteEvents(ACE_HANDLE handle, const ACE_Event_Handler* pOnly)
 {
-    return SwitchWriteEvents(handle, false);
+    return SwitchWriteEvents(handle, false, pOnly);
 }
 
-int TEIOReactor::SwitchWriteEvents(ACE_HANDLE handle, bool bOn)
+int TEIOReactor::SwitchWriteEvents(ACE_HANDLE handle, bool bOn, const ACE_Event_Handler* pOnly)
 {
-    ReadyQueue::Decision decision;
-    ACE_Event_Handler* pHandler = nullptr;
-    const int iSwitched = SwitchBits(handle, bOn, decision, pHandler);
-    Tell(decision, pHandler);
+    Switched switched;
+    const int iSwitched = SwitchBits(handle, bOn, pOnly, switched);
+    if (!switched.bOn)
+        Tell(switched.decision, switched.call.pHandler);
+    // Mostly it can be written, so it is called without asking the kernel. If the socket takes no more, write events are
+    // still on when the call ends, and the kernel is asked then.
+    else if (!m_Ready.Post({handle, switched.call.ulGeneration, WRITE, true}))
+    {
+        const TokenGuard guard(*this);
+        if (guard && IsRegistered(switched.call))
+            Announce(handle);
+    }
     return iSwitched;
 }
 
-/// @param decision  set to what is to be told without the token
-int TEIOReactor::SwitchBits(ACE_HANDLE handle, bool bOn, ReadyQueue::Decision& decision,
-                            ACE_Event_Handler*& pHandler)
+/// @param switched  set to what is to be told without the token
+int TEIOReactor::SwitchBits(ACE_HANDLE handle, bool bOn, const ACE_Event_Handler* pOnly, Switched& switched)
 {
     const TokenGuard guard(*this);
     if (!guard)
         return -1;
     // First of all: it knows the range of handles, the sets do not.
-    pHandler = find_handler_i(handle);
-    if (pHandler == nullptr)
+    ACE_Event_Handler* pHandler = find_handler_i(handle);
+    if (pHandler == nullptr || (pOnly != nullptr && pHandler != pOnly))
         return 0;
     const bool bWaiting = (Bits(wait_set_, handle) & READ) != 0;
     Set& set = bWaiting ? wait_set_ : suspend_set_;
@@ -243,15 +260,20 @@ int TEIOReactor::SwitchBits(ACE_HANDLE handle, bool bOn, ReadyQueue::Decision& d
     if ((bits & READ) == 0 || ((bits & WRITE) != 0) == bOn)
         return 0;
     ChangeBits(set, handle, WRITE, bOn);
-    if (bWaiting)
-        decision = m_Ready.Decide(handle, Bits(wait_set_, handle));
+    if (!bWaiting)
+        return 1;
+    switched.bOn = bOn;
+    switched.call = {handle, m_Ready.Generation(handle), pHandler, false, false};
+    if (!bOn)
+        switched.decision = m_Ready.DecideIfNew(handle, Bits(wait_set_, handle));
     return 1;
 }
 
 ACE_Reactor_Mask TEIOReactor::Bits(Set& set, ACE_HANDLE handle)
 {
     if (IsBeyondSets(handle))
-        return &set == &wait_set_ ? m_BeyondSets[Place(handle)].waitMask : m_BeyondSets[Place(handle)].suspendMask;
+        return &set == &wait_set_ ? m_BeyondSets[Place(handle)].waitMask
+                                  : m_BeyondSets[Place(handle)].suspendMask;
     return (set.rd_mask_.is_set(handle) != 0 ? READ : 0) | (set.wr_mask_.is_set(handle) != 0 ? WRITE : 0);
 }
 
@@ -418,17 +440,18 @@ int TEIOReactor::RemoveBeyondSets(ACE_HANDLE handle, ACE_Reactor_Mask mask)
 // ---------------------------------------------------------------------------------------------------------
 // Descriptors closed behind the reactor's back
 
-/// The kernel forgets a descriptor that is closed, silently. So the handles are looked over, a part of them each second.
+/// The kernel forgets a descriptor that is closed, silently. So the handles are looked over, a part of them each
+/// second: with N handles a closed one is found after 1 + N / HANDLES_A_SECOND seconds.
 void TEIOReactor::CheckHandles()
 {
     constexpr auto INTERVAL = std::chrono::seconds(1);
     constexpr std::size_t HANDLES_AT_ONCE = 16;
-    constexpr std::size_t HANDLES = 1024;
+    constexpr std::size_t HANDLES_A_SECOND = 1024;
     const auto tNow = std::chrono::steady_clock::now();
     auto tNext = m_tNextCheck.load();
     if (tNow < tNext || !m_tNextCheck.compare_exchange_strong(tNext, tNow + INTERVAL))
         return;
-    for (std::size_t u = 0; u < HANDLES && DropClosedHandles(HANDLES_AT_ONCE); u += HANDLES_AT_ONCE)
+    for (std::size_t u = 0; u < HANDLES_A_SECOND && DropClosedHandles(HANDLES_AT_ONCE); u += HANDLES_AT_ONCE)
     {}
 }
 

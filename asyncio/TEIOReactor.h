@@ -28,7 +28,8 @@
 /// **Handles from FD_SETSIZE on**, which ACE's repository and sets cannot hold, have their place in m_BeyondSets; for the
 /// others ACE's own are used. The operations with `_i` are ACE's extension points, called with the token held.
 ///
-/// Timers and notifications with a handler are not served; the reactor of the timer thread is for these. Interest is
+/// Timers and notifications with a handler are not served; the reactor of the timer thread is for these.
+/// ACE's operations on masks, on wake-ups and on all handles change its sets only: the kernel is not told. Interest is
 /// changed by registering and removing, by suspending and resuming single handles, and by the two operations here.
 class TEIOReactor : public StoppableReactor<ACE_TP_Reactor>
 {
@@ -40,18 +41,19 @@ public:
     TEIOReactor(const TEIOReactor&) = delete;
     TEIOReactor& operator=(const TEIOReactor&) = delete;
 
-    /// Switches write events of a registered handle on or off, without waking anybody. During a handler call of the
-    /// handle the change takes effect when the call ends. Any thread; takes the token, so the caller must not hold a
+    /// Switches write events of a registered handle on or off. Switching on puts the handle among those that are ready,
+    /// without asking the kernel, and wakes one waiting thread unless one is on its way. During a handler call of the handle the change takes effect when the call ends. Any thread; takes the token, so the caller must not hold a
     /// lock that a thread with the token wants.
     /// @return 1 switched now; 0 nothing to switch, or not registered (any number may be given);
     ///         -1 the token could not be taken
-    int EnableWriteEvents(ACE_HANDLE handle);
-    int DisableWriteEvents(ACE_HANDLE handle);
+    /// @param pOnly  the handler that means it: nothing is switched for another one that has the number now; null: whoever
+    int EnableWriteEvents(ACE_HANDLE handle, const ACE_Event_Handler* pOnly = nullptr);
+    int DisableWriteEvents(ACE_HANDLE handle, const ACE_Event_Handler* pOnly = nullptr);
 
     /// Waits for one handle and makes its calls: handle_output when it may be written and write events are on, then
     /// handle_input when there is something to read. A result above 0 is called again at once, one below 0 drops the
     /// handler for that event.
-    /// @param pMaxWait  null: about a second, then the handles are looked over, see CheckHandles
+    /// @param pMaxWait  null, or a second and more: about a second, so that the handles are looked over, see CheckHandles
     /// @return handles served, 0 or 1; -1 with the error (EINTR; ESHUTDOWN when the loops have been ended)
     int handle_events(ACE_Time_Value* pMaxWait = nullptr) override;
     using StoppableReactor::handle_events;
@@ -60,10 +62,10 @@ public:
     void Wake();
 
     bool initialized() override;
-    /// Ends all waits, now and later, when iStop is not 0.
+    /// Ends all waits, now and later, when iStop is not 0. For good: a reactor is not started again.
     void deactivate(int iStop) override;
-    /// ACE's token calls it for whoever waits for it: the holder is not in a wait, so there is nobody to wake.
-    /// @return 0; -1 with a handler
+    /// ACE's token calls it without a handler for whoever has to wait for it, to get the holder out of its wait; here nobody
+    /// waits while holding it. @return 0; -1 (ENOTSUP) with a handler
     int notify(ACE_Event_Handler* pHandler = nullptr, ACE_Reactor_Mask mask = ACE_Event_Handler::EXCEPT_MASK,
                ACE_Time_Value* pTimeout = nullptr) override;
 
@@ -102,14 +104,22 @@ private:
         bool bRead = false;
     };
 
+    /// What is left to do when write events have been switched: in the wait set, or else nothing.
+    struct Switched
+    {
+        bool bOn = false;
+        Call call; // for whom; without a reference
+        ReadyQueue::Decision decision;
+    };
+
     bool IsRegistered(const Call& call);
     bool BeginCall(const ReadyQueue::Ready& ready, Call& call);
     bool MayGoOn(const Call& call);
     void EndCall(const Call& call, int iStatus, ACE_Reactor_Mask mask);
     void Serve(const ReadyQueue::Ready& ready);
 
-    int SwitchWriteEvents(ACE_HANDLE handle, bool bOn);
-    int SwitchBits(ACE_HANDLE handle, bool bOn, ReadyQueue::Decision& decision, ACE_Event_Handler*& pHandler);
+    int SwitchWriteEvents(ACE_HANDLE handle, bool bOn, const ACE_Event_Handler* pOnly);
+    int SwitchBits(ACE_HANDLE handle, bool bOn, const ACE_Event_Handler* pOnly, Switched& switched);
     int AddHandler(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask);
     int AddBeyondSets(ACE_HANDLE handle, ACE_Event_Handler* pHandler, ACE_Reactor_Mask mask);
     int RemoveBeyondSets(ACE_HANDLE handle, ACE_Reactor_Mask mask);

@@ -102,10 +102,11 @@ void TarnConnectorImpl::SwitchWriteEvents(bool bOn)
     const ACE_HANDLE handle = bOn ? GetHandle() : UsableHandle();
     if (handle == ACE_INVALID_HANDLE)
         return;
+    // A call may still be at its end when its connection has been unregistered, and the number is another one's.
     if (bOn)
-        pReactor->EnableWriteEvents(handle);
+        pReactor->EnableWriteEvents(handle, this);
     else
-        pReactor->DisableWriteEvents(handle);
+        pReactor->DisableWriteEvents(handle, this);
 }
 
 int TarnConnectorImpl::Write()
@@ -167,9 +168,8 @@ bool TarnConnectorImpl::GatherOutput()
 /// Moves the first block of the out queue to the end of what is being sent. False when there is none.
 bool TarnConnectorImpl::TakeNextBlock()
 {
-    ACE_Message_Block* pBlock = nullptr;
-    ACE_Time_Value noWait(ACE_Time_Value::zero);
-    if (m_pOutQueue->is_empty() || m_pOutQueue->dequeue(pBlock, &noWait) == -1)
+    ACE_Message_Block* pBlock = m_pOutQueue->TakeFirst();
+    if (pBlock == nullptr)
         return false;
     const auto* pBytes = reinterpret_cast<const unsigned char*>(pBlock->base());
     const std::size_t uLength = pBlock->size() - THREAD_ID_BYTES;
@@ -182,6 +182,7 @@ bool TarnConnectorImpl::TakeNextBlock()
     }
     catch (const std::bad_alloc&)
     {
+        ACE_Time_Value noWait(ACE_Time_Value::zero);
         m_pOutQueue->enqueue_head(pBlock, &noWait);
         throw;
     }
@@ -192,9 +193,7 @@ bool TarnConnectorImpl::TakeNextBlock()
 
 void TarnConnectorImpl::DiscardOutput()
 {
-    ACE_Message_Block* pBlock = nullptr;
-    ACE_Time_Value noWait(ACE_Time_Value::zero);
-    while (!m_pOutQueue->is_empty() && m_pOutQueue->dequeue(pBlock, &noWait) != -1)
+    while (ACE_Message_Block* pBlock = m_pOutQueue->TakeFirst())
         FreeBlock(pBlock);
 }
 

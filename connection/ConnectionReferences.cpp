@@ -34,7 +34,8 @@ void TarnConnectorImpl::IncRef()
     m_RefThreads.push_back(thread);
 }
 
-/// Lowers the count unless it is 0. @return true when it has been lowered
+/// Lowers the count unless it is 0, as the last that the caller does without the lock: whoever reads 0 may delete the
+/// connection. @return true when it has been lowered
 bool TarnConnectorImpl::LowerRefCount()
 {
     int nRefCount = m_nRefCount;
@@ -69,6 +70,14 @@ void TarnConnectorImpl::DecRef()
                              "TarnConnectorImpl, DecRef, RefCount's Threadid doesn't match! GroupID = "
                              "%d,TargetID = 0x%x,threadid = 0x%x\n",
                              iGroupID, ulTargetID, Low32(thread));
+}
+
+int TarnConnectorImpl::GetRefCount()
+{
+    if (!IsRecording())
+        return m_nRefCount;
+    const TarnReadGuard guard(m_ReferenceLock); // whoever has lowered it is still at the records
+    return m_nRefCount;
 }
 
 void TarnConnectorImpl::TakeReactorReference()

@@ -27,9 +27,10 @@ void TarnConnectorImpl::set_handle(ACE_HANDLE handle)
 void TarnConnectorImpl::StoreHandle(ACE_HANDLE handle)
 {
     const TarnWriteGuard guard(m_ParameterLock);
-    m_Handle = handle;
+    // The session first: who reads the handle without the guard must not take it for the last session's.
     if (handle != ACE_INVALID_HANDLE && ++m_ulSession == 0)
         m_ulSession = 1; // 0 stands for none
+    m_Handle = handle;
 }
 
 ACE_HANDLE TarnConnectorImpl::GetHandle()

@@ -121,9 +121,8 @@ DWORD TarnSerialConnectorImpl::RestOfPause()
 /// Makes the first block of the out queue the one being sent. False when there is none, or no memory for it.
 bool TarnSerialConnectorImpl::TakeNextBlock()
 {
-    ACE_Message_Block* pBlock = nullptr;
-    ACE_Time_Value noWait(ACE_Time_Value::zero);
-    if (m_pOutQueue->is_empty() || m_pOutQueue->dequeue(pBlock, &noWait) == -1)
+    ACE_Message_Block* pBlock = m_pOutQueue->TakeFirst();
+    if (pBlock == nullptr)
         return false;
     const bool bCopied = WithMemory("TarnSerialConnectorImpl::WriteOutQueue", false, [&] {
         m_WriteBuffer.assign(pBlock->base(), pBlock->base() + pBlock->size());
@@ -132,6 +131,9 @@ bool TarnSerialConnectorImpl::TakeNextBlock()
     if (bCopied)
         FreeBlock(pBlock);
     else
+    {
+        ACE_Time_Value noWait(ACE_Time_Value::zero);
         m_pOutQueue->enqueue_head(pBlock, &noWait);
+    }
     return bCopied;
 }

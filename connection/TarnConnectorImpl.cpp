@@ -87,7 +87,7 @@ int TarnConnectorImpl::BoundRepeats(int iResult)
     else if (++m_nRepeats >= MAX_REPEATS && !HasBufferedInput())
     {
         m_nRepeats = 0;
-        return 0; // the descriptor is still readable, so the reactor comes back after the others
+        return 0; // if there is more to read, the kernel announces it again, behind the others
     }
     return iResult;
 }
@@ -110,15 +110,20 @@ int TarnConnectorImpl::handle_output(ACE_HANDLE /*handle*/)
         iWritten = WriteLastTime();
     if (iWritten == -1)
         return Break(call, nullptr);
-    if (iWritten == 0)
-        return 0;
-    // Write interest stays on, and the reactor serves it before reading: without a turn here the connection
-    // would not be read until all is sent.
+    // While the rest of much is sent the calls are for writing, so reading has a turn here. And nobody announces what the
+    // connection or its transport holds already.
+    const int iRead = iWritten == 0 && !HasBufferedInput() ? 0 : ReadBuffered();
+    return iRead < 0 ? BreakFromInput(call) : 0;
+}
+
+/// Reads once, and on while the connection or its transport holds received bytes.
+int TarnConnectorImpl::ReadBuffered()
+{
     int iRead = 0;
     do
         iRead = TryRead();
     while (iRead > 0 && HasBufferedInput());
-    return iRead < 0 ? BreakFromInput(call) : 0;
+    return iRead;
 }
 
 /// Sends what has been queued meanwhile and switches write events off. Under the send lock: whoever queues a

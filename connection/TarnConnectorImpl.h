@@ -4,16 +4,11 @@
 #include "connection/DescriptorGuard.h"
 #include "connection/HookQueue.h"
 #include "connection/InputBuffer.h"
+#include "core/BriefQueue.h"
 #include "tarnadapterframe/ConnectionTypes.h"
 #include "tarnadapterframe/TarnLock.h"
 
-// The queue's header does not include what its locking needs.
-#include <ace/Condition_Thread_Mutex.h>
-#include <ace/Null_Mutex.h>
-#include <ace/Thread_Mutex.h>
-
 #include <ace/Event_Handler.h>
-#include <ace/Message_Queue.h>
 #include <ace/Monotonic_Time_Policy.h>
 #include <ace/OS_NS_Thread.h>
 
@@ -122,8 +117,8 @@ public:
     /// One attempt to receive. @return bytes received, 0 nothing now, -1 closed or failed
     virtual int RecvData(char* pBuf, int iLength) TARN_EXCLUDES(m_DescriptorGuard);
 
-    /// True while the transport itself holds received bytes, which no descriptor announces.
-    virtual bool HasBufferedInput() { return false; }
+    /// True while the connection or its transport holds received bytes, which no descriptor announces.
+    virtual bool HasBufferedInput() { return !m_Ahead.bytes.empty(); }
 
     /// Result of Write: bytes are left, for the next time.
     static constexpr int MORE_LATER = 1;
@@ -161,7 +156,7 @@ public:
 
     void IncRef() TARN_EXCLUDES(m_ReferenceLock);
     void DecRef() TARN_EXCLUDES(m_ReferenceLock);
-    int GetRefCount() const { return m_nRefCount; }
+    int GetRefCount() TARN_EXCLUDES(m_ReferenceLock);
     /// Logs which threads hold references, when they are recorded.
     void DumpRefThreadInfo() TARN_EXCLUDES(m_ReferenceLock);
     /// The reactor's reference, one while it has the connection. It may drop a descriptor that the host has
@@ -256,7 +251,7 @@ protected:
     /// earlier session. Within the descriptor guard.
     ACE_HANDLE UsableHandle();
 
-    using OutQueue = ACE_Message_Queue<ACE_MT_SYNCH, ACE_Monotonic_Time_Policy>;
+    using OutQueue = BriefQueue<ACE_Monotonic_Time_Policy>;
     /// Frees a block of the out queue, which does not own its bytes.
     static void FreeBlock(ACE_Message_Block* pBlock);
 
@@ -283,12 +278,21 @@ private:
         std::size_t uRest;        // bytes not yet sent
     };
 
+    struct ReceivedAhead
+    {
+        std::vector<char> bytes;
+        std::size_t uTaken = 0;
+    };
+
     static constexpr int BROKEN = -2048;
 
     bool WaitUntilUnpinned(std::chrono::milliseconds timeout);
     int TryRead();
     int TryWrite();
     int BoundRepeats(int iResult);
+    int ReceiveAhead(char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
+    int ReadBuffered();
+    bool IsOpenForCall() TARN_EXCLUDES(m_DescriptorGuard);
     int WriteLastTime() TARN_EXCLUDES(m_SendLock);
     int BreakFromInput(HandlerCall& call);
     int Break(HandlerCall& call, const char* pszDisConnectText);
@@ -311,7 +315,8 @@ private:
     int m_iGroupID TARN_GUARDED_BY(m_ParameterLock) = 0;
     std::uint32_t m_ulTargetID TARN_GUARDED_BY(m_ParameterLock) = 0;
     int m_iControlFlag TARN_GUARDED_BY(m_ParameterLock) = 7;
-    std::atomic<ACE_HANDLE> m_Handle{ACE_INVALID_HANDLE}; // changed within the guard and the parameter lock only
+    std::atomic<ACE_HANDLE> m_Handle{
+        ACE_INVALID_HANDLE}; // changed within the guard and the parameter lock only
     ECommuProtocolType m_eProtocolType TARN_GUARDED_BY(m_ParameterLock) = TCP_TYPE;
     std::atomic<std::uint32_t> m_ulAdapterProtocolID{0};
 
@@ -320,6 +325,8 @@ private:
     std::atomic<std::uint32_t> m_ulServed{0};
 
     // Touched only from handler calls, one at a time.
+    ReceivedAhead m_Ahead;                 // received, but not yet asked for
+    std::uint32_t m_ulAheadSession = 0;    // in which it was
     InputBuffer m_Input;                   // the read buffer
     std::uint32_t m_ulInputSession = 0;    // in which its last bytes were received
     std::size_t m_uWritten = 0;            // how much of the write buffer has been sent

@@ -4,6 +4,15 @@
 #include "tarnadapterframe/TEAdapterManager.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
+#include <atomic>
+
+namespace {
+
+// The application has put records of its own into the map, of whatever message.
+std::atomic<bool> s_bRecordsByHand{false};
+
+} // namespace
+
 int TEAdapterManager::RegisterPrivateMessage(TEMessage* pSource, TEMessageAdapter* pMsgAdapter,
                                              void* pUserData, int nTimeOut)
 {
@@ -24,6 +33,7 @@ int TEAdapterManager::RegisterPrivateMessage(TEMessage* pSource, TEMessageAdapte
     return WithMemory("TEAdapterManager::RegisterPrivateMessage", -1, [&] {
         const TarnGuard guard(m_MsgMapMtx);
         const auto it = m_mapMsgInfo.try_emplace(sourceUnit, pSource, pMsgAdapter, nullptr, nTimeOut).first;
+        pSource->m_bMayBeSource = true;
         if (pUserData != nullptr)
             it->second.SetUserData(pUserData);
         return 0;
@@ -51,6 +61,7 @@ int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
             TarnAdapterFrmtTrace(3, "TEAdapterManager::RegisterMessage, cannot find source msg in the map\n");
             it = m_mapMsgInfo.try_emplace(sourceUnit).first;
             it->second.pSource = pSource;
+            pSource->m_bMayBeSource = true;
         }
         bool bNewLink = false;
         try
@@ -90,12 +101,16 @@ int TEAdapterManager::UnRegisterSourceMessage(TEMessage* pSource)
                              "TEAdapterManager::UnRegisterSourceMessage, not found source message in map.\n");
         return 0;
     }
+    if (it->second.pSource == pSource)
+        pSource->m_bMayBeSource = false;
     EraseSourceLocked(it);
     return 0;
 }
 
 void TEAdapterManager::ForgetSourceMessage(const TEMessage& source)
 {
+    if (!source.m_bMayBeSource && !s_bRecordsByHand)
+        return;
     const ExistingManager manager;
     TEAdapterManager* pManager = manager.Get();
     TEMessageUnit sourceUnit;
@@ -216,6 +231,7 @@ int TEAdapterManager::InsertToInfoMap(const MapMsgInfo::value_type& entry)
     return WithMemory("TEAdapterManager::InsertToInfoMap", -1, [&] {
         const TarnGuard guard(m_MsgMapMtx);
         m_mapMsgInfo.insert(entry);
+        s_bRecordsByHand = true;
         return 0;
     });
 }

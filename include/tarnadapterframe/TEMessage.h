@@ -100,6 +100,8 @@ private:
     // Takes a tick off the time left, in one piece with whoever sets it meanwhile. Returns what is left.
     int CountDown(int nSeconds);
 
+    // A record of the correlation may name the message as its source. Set, and cleared, by the manager.
+    mutable std::atomic<bool> m_bMayBeSource{false};
     int m_nTimeOut TARN_GUARDED_BY(m_TimeOutLock);
     // Taken inside the manager's correlation lock, never the other way round.
     mutable TarnRWThreadMutex m_TimeOutLock;

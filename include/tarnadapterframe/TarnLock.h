@@ -13,6 +13,7 @@
 #include <ace/Thread_Mutex.h>
 
 #include <cassert>
+#include <cerrno>
 
 #if defined(__clang__)
 #define TARN_THREAD_ANNOTATION(x) __attribute__((x))
@@ -44,14 +45,19 @@ template <class MUTEX>
 int TarnAcquireSoon(MUTEX& mutex)
 {
     constexpr int LOOKS = 40;
+    const int iError = errno; // which the looks change, and a wait would not
     for (int i = 0; i < LOOKS; ++i)
     {
         if (mutex.tryacquire() == 0)
+        {
+            errno = iError;
             return 0;
+        }
 #if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
 #endif
     }
+    errno = iError;
     return mutex.acquire();
 }
 

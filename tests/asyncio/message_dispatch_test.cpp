@@ -89,6 +89,27 @@ TEST_F(MessageDispatch, MessagesAreHandledAndDeletedOnceWhateverTheyDo)
               MESSAGES / 10);
 }
 
+// Threads are woken one after the other, but for as long as there are messages: handlers that wait for each other meet.
+TEST_F(MessageDispatch, HandlersThatBlockLeaveTheOtherMessagesToOtherThreads)
+{
+    constexpr int THREADS = 4;
+    Start();
+    for (int iRound = 1; iRound <= StressRounds(200); ++iRound)
+    {
+        std::atomic<int> nInside{0};
+        std::atomic<int> nMet{0};
+        const auto meet = [&] {
+            ++nInside;
+            if (WaitUntil([&] { return nInside == THREADS; }))
+                ++nMet;
+        };
+        for (int i = 0; i < THREADS; ++i)
+            EXPECT_EQ(AsyncIO().AddResponse(std::make_unique<Work>(meet)), 0);
+        ASSERT_TRUE(WaitUntil([&] { return Work::Alive() == 0; }));
+        ASSERT_EQ(nMet, THREADS) << iRound;
+    }
+}
+
 TEST_F(MessageDispatch, WithoutThreadsMessagesStayTheirCallers)
 {
     host.SetCfg("nAppProcessThreadNum", "0");

@@ -659,6 +659,39 @@ TEST_F(ConnectionCore, WhatABreakCutsInTwoIsContinued)
     EXPECT_EQ(connector.UnRegister(), 0);
 }
 
+TEST_F(ConnectionCore, WhatFollowsRefusedBytesStaysInTheCallersDescriptor)
+{
+    constexpr std::uint32_t PROTOCOL = 91;
+    constexpr std::size_t RECEIVED = 1024; // at once
+    Start();
+    std::atomic<std::size_t> uTaken{0};
+    AddAdapter(PROTOCOL, [&](void*, std::vector<unsigned char>& data) {
+        if (data[0] == '!')
+            return -1;
+        uTaken += data.size();
+        return static_cast<int>(data.size());
+    });
+    for (const bool bReopened : {false, true})
+    {
+        uTaken = 0;
+        SocketPair pair;
+        const auto pConnector = MakeConnector(1);
+        pConnector->SetAdapterProtocolID(PROTOCOL);
+        pair.Send("!" + std::string(RECEIVED - 1 + 2000, 'a'));
+        ASSERT_EQ(Serve(*pConnector, pair), 0);
+        ASSERT_TRUE(WaitUntil([&] { return pConnector->nBroken == 1 && !pConnector->IsInHook(); }));
+        EXPECT_EQ(uTaken, 0U);
+        EXPECT_EQ(pConnector->UnRegister(), 0);
+        SocketPair next;
+        EXPECT_EQ(Serve(*pConnector, bReopened ? next : pair), 0);
+        (bReopened ? next : pair).Send(std::string(7, 'b'));
+        EXPECT_TRUE(WaitUntil([&] { return uTaken >= (bReopened ? 7U : 2007U); }));
+        EXPECT_EQ(pConnector->UnRegister(), 0);
+        EXPECT_EQ(uTaken, bReopened ? 7U : 2007U);
+        EXPECT_EQ(pConnector->SetHandle(AsPointer(-1)), 0);
+    }
+}
+
 TEST_F(ConnectionCore, ReferencesOfRegistrationsAreCounted)
 {
     StartKeeping();

@@ -32,7 +32,7 @@ Examples:
   nemanager -f elements set 1.3.6.1.2.1.1.6.0 s "Shelf 4"
   nemanager -f elements watch 1.3.6.1.2.1.1.3.0 --interval 5)";
 
-// The framework serves descriptors below 1024.
+// More elements than one command should open at once.
 constexpr std::size_t MAX_ELEMENTS = 1000;
 
 SnmpOid ParseName(const std::string& strText)

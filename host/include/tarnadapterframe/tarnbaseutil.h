@@ -91,8 +91,8 @@ TARN_HOST_API TarnLogSink TarnInstallLogSink(TarnLogSink pfnSink);
 ///
 /// A file that cannot be opened or written is reported on stderr and tried again every few seconds; its lines
 /// go to stderr meanwhile. When lines come faster than the disk takes them, information (level 3) is dropped
-/// first; the number of lines dropped is written to the log as soon as it moves again. A line is in the file a
-/// millisecond after it was logged, or sooner.
+/// first; the number of lines dropped is written to the log as soon as it moves again. A line is handed to
+/// the file about a millisecond after it was logged, whatever its level; later only while lines come faster than they are written.
 class TARN_HOST_API TarnDebugMgr
 {
 public:
@@ -111,8 +111,8 @@ public:
                const AsnType* pAsnValue, bool bPrint, bool bLog);
 
     /// Whether Trace would take a text of this level and with these flags: who logs often need not make one that is
-    /// left out. Always true when a host's own log is installed. The default log answers at once, and starts as it
-    /// does for Trace.
+    /// left out. Always true when a host's own log is installed. Never waits; the first call starts the log, as the first
+    /// Trace does.
     bool Takes(TarnLogLevel eLevel, bool bPrint, bool bLog);
 
     /// Waits until every line taken before the call has been written or counted as dropped.

@@ -1,0 +1,74 @@
+#ifndef TARN_CORE_BRIEFQUEUE_H
+#define TARN_CORE_BRIEFQUEUE_H
+
+#include "tarnadapterframe/TarnLock.h"
+
+// The queue's header does not include what its locking needs.
+#include <ace/Condition_Thread_Mutex.h>
+#include <ace/Null_Mutex.h>
+#include <ace/Thread_Mutex.h>
+
+#include <ace/Message_Queue.h>
+
+#include <cerrno>
+
+/// ACE's queue for many threads that put and take all the time: its lock is held for moments only, and is looked at a few
+/// times before it is waited for. Everything else is ACE's, but that a notification strategy is not told, and that enqueue_head and dequeue_head
+/// lock as ACE does.
+template <class TIME_POLICY = ACE_System_Time_Policy>
+class BriefQueue : public ACE_Message_Queue<ACE_MT_SYNCH, TIME_POLICY>
+{
+    using Base = ACE_Message_Queue<ACE_MT_SYNCH, TIME_POLICY>;
+
+public:
+    using Base::Base;
+
+    int enqueue(ACE_Message_Block* pBlock, ACE_Time_Value* pTimeout = nullptr) override
+    {
+        const Guard guard(this->lock_);
+        if (this->state_ == ACE_Message_Queue_Base::DEACTIVATED)
+        {
+            errno = ESHUTDOWN;
+            return -1;
+        }
+        return this->wait_not_full_cond(pTimeout) == -1 ? -1 : this->enqueue_i(pBlock);
+    }
+
+    int dequeue(ACE_Message_Block*& pBlock, ACE_Time_Value* pTimeout = nullptr) override
+    {
+        const Guard guard(this->lock_);
+        if (this->state_ == ACE_Message_Queue_Base::DEACTIVATED)
+        {
+            errno = ESHUTDOWN;
+            return -1;
+        }
+        return this->wait_not_empty_cond(pTimeout) == -1 ? -1 : this->dequeue_head_i(pBlock);
+    }
+
+    /// Takes the first block out if there is one; does not wait for one. @return null: there is none
+    ACE_Message_Block* TakeFirst()
+    {
+        const Guard guard(this->lock_);
+        ACE_Message_Block* pBlock = nullptr;
+        return this->is_empty_i() || this->dequeue_head_i(pBlock) == -1 ? nullptr : pBlock;
+    }
+
+private:
+    class Guard
+    {
+    public:
+        explicit Guard(ACE_Thread_Mutex& mutex)
+            : m_Mutex(mutex)
+        {
+            TarnAcquireSoon(m_Mutex);
+        }
+        ~Guard() { m_Mutex.release(); }
+        Guard(const Guard&) = delete;
+        Guard& operator=(const Guard&) = delete;
+
+    private:
+        ACE_Thread_Mutex& m_Mutex;
+    };
+};
+
+#endif
