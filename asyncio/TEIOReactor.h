@@ -13,12 +13,13 @@
 #include <vector>
 
 /// The reactor of the I/O threads: ACE's thread-pool reactor with a wait of its own. Any number of threads wait
-/// side by side, in epoll(7) and without the reactor's token, so that who wants the token wakes nobody; handles are
-/// served in the order in which they become ready, whatever their number; write interest is switched in place.
+/// side by side, in epoll(7) and without the reactor's token, so that who wants the token wakes nobody. Handles that
+/// the kernel announces are served in the order in which they become ready, whatever their number; those whose write
+/// events have just been switched on come before them, but not more than seven in a row on a thread.
 ///
 /// **One call at a time.** The kernel announces a handle once and then keeps silent about it (EPOLLONESHOT). A call
-/// begins by moving the handle from the wait set to the suspend set, and ends by moving it back and telling the kernel
-/// what to announce next, each under the token. A thread that comes with an announcement for a handle that is
+/// begins by moving the handle from the wait set to the suspend set, and ends by moving it back, each under the token;
+/// then the kernel is told what to announce next, unless it has been asked for just that. A thread that comes with an announcement for a handle that is
 /// suspended drops it: the end of the call under way asks the kernel again, which looks at the handle anew.
 ///
 /// **Registrations** have a generation each. Announcements carry it, and a call remembers it: a handler may be
@@ -42,8 +43,9 @@ public:
     TEIOReactor& operator=(const TEIOReactor&) = delete;
 
     /// Switches write events of a registered handle on or off. Switching on puts the handle among those that are ready,
-    /// without asking the kernel, and wakes one waiting thread unless one is on its way. During a handler call of the handle the change takes effect when the call ends. Any thread; takes the token, so the caller must not hold a
-    /// lock that a thread with the token wants.
+    /// without asking the kernel, and wakes one waiting thread unless one is on its way. During a handler
+    /// call of the handle the change takes effect when the call ends. Any thread; takes the token, so the caller must
+    /// not hold a lock that a thread with the token wants.
     /// @return 1 switched now; 0 nothing to switch, or not registered (any number may be given);
     ///         -1 the token could not be taken
     /// @param pOnly  the handler that means it: nothing is switched for another one that has the number now; null: whoever
