@@ -60,8 +60,10 @@ struct Options
     // Of this library's client only.
     int bTrace = 0;           // hex trace to the log
     int iLogLevel = 2;        // of the host's log
-    int nConnectThreads = 10; // the library's default
-    std::string strLog;       // kept; none: a file that is deleted at the end
+    int nConnectThreads = 10; // these three: the library's defaults
+    int nIOThreads = 4;
+    int nResponseThreads = 4;
+    std::string strLog; // kept; none: a file that is deleted at the end
     bool IsSync() const { return strMode == "sync"; }
     bool IsIdle() const { return strMode == "idle"; }
     std::size_t Payload() const { return static_cast<std::size_t>(nPayload); }
@@ -73,7 +75,8 @@ struct Options
         stderr,
         "usage: %s --mode sync|window|idle --port P [--nports K] --conns C [--window W] [--callers T]\n"
         "  [--payload B] [--seconds S] [--warmup S] [--timeout-ms N] [--reconnect-ms N]\n"
-        "  [--trace 0|1] [--log-level 0..3] [--log FILE] [--connect-threads N]\n",
+        "  [--trace 0|1] [--log-level 0..3] [--log FILE] [--connect-threads N]\n"
+        "  [--io-threads N] [--response-threads N]\n",
         pszProgram);
     std::exit(2);
 }
@@ -108,6 +111,8 @@ inline Options ParseOptions(int argc, char** argv)
                            {"--trace", number(options.bTrace)},
                            {"--log-level", number(options.iLogLevel)},
                            {"--connect-threads", number(options.nConnectThreads)},
+                           {"--io-threads", number(options.nIOThreads)},
+                           {"--response-threads", number(options.nResponseThreads)},
                            {"--log", text(options.strLog)}};
     for (int i = 1; i < argc; i += 2)
     {

@@ -49,6 +49,7 @@ class Element : public TarnConnector
 public:
     explicit Element(int iTarget)
         : TarnConnector(TCP_TYPE)
+        , m_iTarget(iTarget)
     {
         std::uint32_t ulIP = INADDR_LOOPBACK;
         auto usPort = static_cast<std::uint16_t>(g_Options.iPort + iTarget % g_Options.nPorts);
@@ -61,6 +62,7 @@ public:
     int OnConnectOK() override;
     int OnSockBreak() override;
 
+    int Target() const { return m_iTarget; }
     std::uint32_t Opening() const { return m_ulOpening.load(); }
     void Asked() { ++m_nUnderWay; }
     /// An answer, or the end of its time, has come. False: its opening is over, and it was lost with that.
@@ -78,6 +80,7 @@ public:
     }
 
 private:
+    const int m_iTarget;
     std::atomic<std::uint32_t> m_ulOpening{0};
     std::atomic<int> m_nUnderWay{0};
     std::atomic<bool> m_bCounted{false};
@@ -94,7 +97,7 @@ public:
         : m_Element(element)
         , m_ulOpening(element.Opening())
     {
-        TarnAsn1Target target(static_cast<int>(element.GetTargetID()));
+        TarnAsn1Target target(element.Target());
         target.SetProtocolID(PROTOCOL);
         SetTargetId(target);
         SetTimeOut(std::max(1, (g_Options.iTimeoutMs + 999) / 1000));
@@ -353,7 +356,9 @@ public:
         const std::filesystem::path settings = m_Directory / "tarnadapter.ini";
         std::ofstream(settings) << "[tarnadapter]\nnConnectSleep=" << g_Options.iReconnectMs / 1000
                                 << "\nbEnableAdapterLog=" << g_Options.bTrace
-                                << "\nnConnectThreadNum=" << g_Options.nConnectThreads << "\n[log]\nfile="
+                                << "\nnConnectThreadNum=" << g_Options.nConnectThreads
+                                << "\nnAsyncIOThreadNum=" << g_Options.nIOThreads
+                                << "\nnAppProcessThreadNum=" << g_Options.nResponseThreads << "\n[log]\nfile="
                                 << (g_Options.strLog.empty() ? (m_Directory / "log").string()
                                                              : g_Options.strLog)
                                 << "\nlevel=" << g_Options.iLogLevel << "\n";
