@@ -3,9 +3,7 @@
 
 #include "asyncio/CQxHandleMessage.h"
 
-#include <ace/Message_Block.h>
-
-#include <new>
+#include "core/JoinedBlock.h"
 
 /// @file
 /// How an entry travels in a queue: in a block built over it, which does not own it.
@@ -13,8 +11,7 @@
 /// Null without memory: the entry stays its caller's.
 inline ACE_Message_Block* MakeEntryBlock(CQxHandleMessage& entry)
 {
-    return new (std::nothrow)
-        ACE_Message_Block(reinterpret_cast<const char*>(&entry), CQxHandleMessage::BLOCK_SIZE);
+    return NewJoinedBlock(reinterpret_cast<const char*>(&entry), CQxHandleMessage::BLOCK_SIZE);
 }
 
 /// The entry in a block, or null.

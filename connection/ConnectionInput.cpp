@@ -18,6 +18,9 @@ constexpr int RECEIVE_BYTES = 1024;
 // What one call of the system takes: as many receives as the reactor is asked for in a row.
 constexpr int AHEAD_BYTES = 16 * RECEIVE_BYTES;
 
+// Room for what is received ahead, which is mostly given out within the call: the calling thread keeps it for its next one.
+thread_local std::vector<char> t_AheadRoom;
+
 } // namespace
 
 int TarnConnectorImpl::Read()
@@ -116,25 +119,28 @@ int TarnConnectorImpl::ReceiveAhead(char* pBuf, int iLength, int& iError)
     if (m_ulAheadSession != pCall->Session() || !IsOpenForCall())
         m_Ahead = {}; // as what the socket still held when it was closed
     m_ulAheadSession = pCall->Session();
-    if (m_Ahead.bytes.empty())
+    if (m_Ahead.uLeft == 0)
     {
         if (iLength >= AHEAD_BYTES || !IsControlParaTrue(AUTO_CONNECT))
             return ReceiveOnce(pBuf, iLength, iError);
-        char received[AHEAD_BYTES];
-        const int iReceived = ReceiveOnce(received, AHEAD_BYTES, iError);
+        t_AheadRoom.resize(AHEAD_BYTES);
+        const int iReceived = ReceiveOnce(t_AheadRoom.data(), AHEAD_BYTES, iError);
         if (iReceived <= iLength)
         {
-            std::copy_n(received, std::max(iReceived, 0), pBuf);
+            std::copy_n(t_AheadRoom.data(), std::max(iReceived, 0), pBuf);
             return iReceived;
         }
-        m_Ahead.bytes.assign(received, received + iReceived);
+        m_Ahead = {std::move(t_AheadRoom), 0, static_cast<std::size_t>(iReceived)};
     }
-    const std::size_t uLeft = m_Ahead.bytes.size() - m_Ahead.uTaken;
-    const std::size_t uGiven = std::min(uLeft, static_cast<std::size_t>(iLength));
-    std::copy_n(m_Ahead.bytes.data() + m_Ahead.uTaken, uGiven, pBuf);
+    const std::size_t uGiven = std::min(m_Ahead.uLeft, static_cast<std::size_t>(iLength));
+    std::copy_n(m_Ahead.room.data() + m_Ahead.uTaken, uGiven, pBuf);
     m_Ahead.uTaken += uGiven;
-    if (uGiven == uLeft)
-        m_Ahead = {}; // idle connections keep no room
+    m_Ahead.uLeft -= uGiven;
+    if (m_Ahead.uLeft == 0)
+    {
+        t_AheadRoom = std::move(m_Ahead.room); // idle connections keep no room
+        m_Ahead = {};
+    }
     return static_cast<int>(uGiven);
 }
 

@@ -2,6 +2,7 @@
 #include "asyncio/TEIOReactor.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/WouldBlock.h"
+#include "core/JoinedBlock.h"
 #include "core/LogArguments.h"
 #include "platform/tarnplatform.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -36,28 +37,19 @@ ETarnAdpterTraceType TraceTypeOfSending(std::uint32_t ulProtocolID)
     return ulProtocolID == 4 || ulProtocolID == 5 ? TARN_TRACE_NE_MML : TARN_TRACE_SEND_TO_NE;
 }
 
-/// A block over a copy of the bytes; null without memory.
+/// A block with a copy of the bytes; null without memory.
 ACE_Message_Block* MakeBlock(const char* pData, std::size_t uLength)
 {
-    std::unique_ptr<char[]> pBytes(new (std::nothrow) char[uLength + THREAD_ID_BYTES]);
-    if (pBytes == nullptr)
+    ACE_Message_Block* pBlock = NewJoinedBlock(uLength + THREAD_ID_BYTES);
+    if (pBlock == nullptr)
         return nullptr;
     const std::uint32_t ulThreadId = GetCurrentThreadId();
-    std::memcpy(pBytes.get(), &ulThreadId, THREAD_ID_BYTES);
-    std::memcpy(pBytes.get() + THREAD_ID_BYTES, pData, uLength);
-    auto* pBlock = new (std::nothrow) ACE_Message_Block(pBytes.get(), uLength + THREAD_ID_BYTES);
-    if (pBlock != nullptr)
-        pBytes.release();
+    std::memcpy(pBlock->base(), &ulThreadId, THREAD_ID_BYTES);
+    std::memcpy(pBlock->base() + THREAD_ID_BYTES, pData, uLength);
     return pBlock;
 }
 
 } // namespace
-
-void TarnConnectorImpl::FreeBlock(ACE_Message_Block* pBlock)
-{
-    delete[] pBlock->base();
-    pBlock->release();
-}
 
 int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
 {
@@ -74,10 +66,9 @@ int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::AddAdnSendData, new memory error, errno=%d\n", errno);
         return 0;
     }
-    ACE_Time_Value deadline = m_pOutQueue->gettimeofday() + QUEUE_WAIT;
-    if (m_pOutQueue->enqueue(pBlock, &deadline) == -1)
+    if (m_pOutQueue->EnqueueWithin(pBlock, QUEUE_WAIT) == -1)
     {
-        FreeBlock(pBlock);
+        pBlock->release();
         TarnAdapterFrmtTrace(1, "TarnConnectorImpl::AddAndSendData, enqueue fail, out msgqueue is full.\n");
         TraceHexData(pData, iLength, TARN_TRACE_SEND_TO_NE, GetCurrentThreadId());
         return -1;
@@ -187,14 +178,14 @@ bool TarnConnectorImpl::TakeNextBlock()
         throw;
     }
     m_WriteBuffer.insert(m_WriteBuffer.end(), pBytes + THREAD_ID_BYTES, pBytes + pBlock->size());
-    FreeBlock(pBlock);
+    pBlock->release();
     return true;
 }
 
 void TarnConnectorImpl::DiscardOutput()
 {
     while (ACE_Message_Block* pBlock = m_pOutQueue->TakeFirst())
-        FreeBlock(pBlock);
+        pBlock->release();
 }
 
 int TarnConnectorImpl::SendData(const char* pBuf, int iLength)

@@ -1,6 +1,7 @@
 #include "connection/TESerialSendReactor.h"
 #include "connection/TarnSerialConnectorImpl.h"
 #include "core/ApplicationCall.h"
+#include "core/JoinedBlock.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/TraceHexData.h"
 
@@ -22,18 +23,16 @@ int TarnSerialConnectorImpl::AddAndSendData(const char* pData, int iLength)
     if (iLength <= 0)
         return 0;
     const auto uLength = static_cast<std::size_t>(iLength);
-    std::unique_ptr<char[]> pBytes(new (std::nothrow) char[uLength]);
-    ACE_Message_Block* pBlock =
-        pBytes != nullptr ? new (std::nothrow) ACE_Message_Block(pBytes.get(), uLength) : nullptr;
+    ACE_Message_Block* pBlock = NewJoinedBlock(uLength);
     if (pBlock == nullptr)
     {
         TarnAdapterFrmtTrace(1, "new memory error in TEIOHandler::AddAdnSendData.\n");
         return -1;
     }
-    std::copy(pData, pData + iLength, pBytes.release());
+    std::copy(pData, pData + iLength, pBlock->base());
     if (!Enqueue(pBlock))
     {
-        FreeBlock(pBlock);
+        pBlock->release();
         TarnAdapterFrmtTrace(1, "TEIOHandler::AddAndSendData: out msg queue is full.\n");
         return -1;
     }
@@ -51,8 +50,7 @@ bool TarnSerialConnectorImpl::Enqueue(ACE_Message_Block* pBlock)
     const ACE_Time_Value LOOK_AGAIN(1);
     for (;;)
     {
-        ACE_Time_Value deadline = m_pOutQueue->gettimeofday() + LOOK_AGAIN;
-        if (m_pOutQueue->enqueue(pBlock, &deadline) != -1)
+        if (m_pOutQueue->EnqueueWithin(pBlock, LOOK_AGAIN) != -1)
             return true;
         const auto pReactor = TESerialSendReactor::Existing();
         if (errno != EWOULDBLOCK || pReactor == nullptr || !pReactor->IsServing(this))
@@ -129,7 +127,7 @@ bool TarnSerialConnectorImpl::TakeNextBlock()
         return true;
     });
     if (bCopied)
-        FreeBlock(pBlock);
+        pBlock->release();
     else
     {
         ACE_Time_Value noWait(ACE_Time_Value::zero);

@@ -118,7 +118,7 @@ public:
     virtual int RecvData(char* pBuf, int iLength) TARN_EXCLUDES(m_DescriptorGuard);
 
     /// True while the connection or its transport holds received bytes, which no descriptor announces.
-    virtual bool HasBufferedInput() { return !m_Ahead.bytes.empty(); }
+    virtual bool HasBufferedInput() { return m_Ahead.uLeft != 0; }
 
     /// Result of Write: bytes are left, for the next time.
     static constexpr int MORE_LATER = 1;
@@ -252,9 +252,6 @@ protected:
     ACE_HANDLE UsableHandle();
 
     using OutQueue = BriefQueue<ACE_Monotonic_Time_Policy>;
-    /// Frees a block of the out queue, which does not own its bytes.
-    static void FreeBlock(ACE_Message_Block* pBlock);
-
     // Has a lock of its own. Its waits follow a steady clock, so that a change of the system's time delays no sender.
     const std::unique_ptr<OutQueue> m_pOutQueue;
     // What has been taken out of the queue to be sent. Touched only by the thread that sends: from handler calls, one
@@ -280,8 +277,9 @@ private:
 
     struct ReceivedAhead
     {
-        std::vector<char> bytes;
-        std::size_t uTaken = 0;
+        std::vector<char> room;
+        std::size_t uTaken = 0; // of it
+        std::size_t uLeft = 0;  // behind those
     };
 
     static constexpr int BROKEN = -2048;

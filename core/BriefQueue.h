@@ -26,23 +26,29 @@ public:
     int enqueue(ACE_Message_Block* pBlock, ACE_Time_Value* pTimeout = nullptr) override
     {
         const Guard guard(this->lock_);
-        if (this->state_ == ACE_Message_Queue_Base::DEACTIVATED)
-        {
-            errno = ESHUTDOWN;
+        return this->IsActive() && this->wait_not_full_cond(pTimeout) != -1 ? this->enqueue_i(pBlock) : -1;
+    }
+
+    /// The same, for so long at most; the clock is asked only when the queue is full.
+    int EnqueueWithin(ACE_Message_Block* pBlock, const ACE_Time_Value& longest)
+    {
+        const Guard guard(this->lock_);
+        if (!this->IsActive())
             return -1;
+        if (this->is_full_i())
+        {
+            ACE_Time_Value deadline = this->gettimeofday() + longest;
+            if (this->wait_not_full_cond(&deadline) == -1)
+                return -1;
         }
-        return this->wait_not_full_cond(pTimeout) == -1 ? -1 : this->enqueue_i(pBlock);
+        return this->enqueue_i(pBlock);
     }
 
     int dequeue(ACE_Message_Block*& pBlock, ACE_Time_Value* pTimeout = nullptr) override
     {
         const Guard guard(this->lock_);
-        if (this->state_ == ACE_Message_Queue_Base::DEACTIVATED)
-        {
-            errno = ESHUTDOWN;
-            return -1;
-        }
-        return this->wait_not_empty_cond(pTimeout) == -1 ? -1 : this->dequeue_head_i(pBlock);
+        return this->IsActive() && this->wait_not_empty_cond(pTimeout) != -1 ? this->dequeue_head_i(pBlock)
+                                                                             : -1;
     }
 
     /// Takes the first block out if there is one; does not wait for one. @return null: there is none
@@ -54,6 +60,15 @@ public:
     }
 
 private:
+    /// False, with the error, when the queue has been deactivated.
+    bool IsActive()
+    {
+        if (this->state_ != ACE_Message_Queue_Base::DEACTIVATED)
+            return true;
+        errno = ESHUTDOWN;
+        return false;
+    }
+
     class Guard
     {
     public:
