@@ -1,6 +1,7 @@
 #include "tarnadapterframe/TarnAsyncMessageReceiver.h"
 
 #include "core/ApplicationCall.h"
+#include "core/SpareNodes.h"
 #include "tarnadapterframe/TEMessage.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 
@@ -33,7 +34,9 @@ int AsynCallBack::operator()(TEMessage* pMessage, void* /*pUnused1*/, void* /*pU
     return m_pfn != nullptr ? m_pfn(pMessage, m_pUser1, m_pUser2) : 0;
 }
 
-TarnAsyncMessageReceiver::TarnAsyncMessageReceiver() = default;
+TarnAsyncMessageReceiver::TarnAsyncMessageReceiver()
+    : m_pSpares(std::make_unique<SpareNodes<MapCallBack>>())
+{}
 
 TarnAsyncMessageReceiver::~TarnAsyncMessageReceiver()
 {
@@ -71,7 +74,8 @@ void TarnAsyncMessageReceiver::RegisterMessage(TEMessage* pMessage, AsynCallBack
     const std::uint32_t ulSerial = pMessage->GetMessageSerial();
     WithMemory("TarnAsyncMessageReceiver::RegisterMessage", -1, [&] {
         const TarnGuard guard(m_Lock);
-        if (!m_mapCallBack.emplace(ulSerial, pCallBack).second)
+        pMessage->m_bMayHaveCallBack = true;
+        if (!m_pSpares->Insert(m_mapCallBack, ulSerial, std::move(pCallBack)).second)
             TarnAdapterFrmtTrace(1, "TarnAsyncMessageReceiver RegisterMessage error,msg alredy exist");
         return 0;
     });
@@ -119,10 +123,14 @@ void TarnAsyncMessageReceiver::UnRegisterMessage(TEMessage* pMessage)
     const std::uint32_t ulSerial = pMessage->GetMessageSerial();
     const TarnGuard guard(m_Lock);
     const auto it = m_mapCallBack.find(ulSerial);
-    if (it == m_mapCallBack.end())
-        return;
+    if (it != m_mapCallBack.end())
+        EraseLocked(it);
+}
+
+void TarnAsyncMessageReceiver::EraseLocked(MapCallBack::iterator it)
+{
     delete it->second;
-    m_mapCallBack.erase(it);
+    m_pSpares->Keep(m_mapCallBack.extract(it));
 }
 
 bool TarnAsyncMessageReceiver::Copy(const TEMessage& message, AsynCallBack& callBack)
@@ -142,13 +150,13 @@ bool TarnAsyncMessageReceiver::Copy(const TEMessage& message, AsynCallBack& call
 void TarnAsyncMessageReceiver::RemoveOwn(const TEMessage& message)
 {
     TarnAsyncMessageReceiver* pReceiver = m_pInstance;
-    if (pReceiver == nullptr)
+    if (pReceiver == nullptr || !message.m_bMayHaveCallBack)
         return;
     const std::uint32_t ulSerial = message.GetMessageSerial();
     const TarnGuard guard(pReceiver->m_Lock);
     const auto it = pReceiver->m_mapCallBack.find(ulSerial);
     if (it == pReceiver->m_mapCallBack.end() || it->second->GetMessage() != &message)
         return;
-    delete it->second;
-    pReceiver->m_mapCallBack.erase(it);
+    pReceiver->EraseLocked(it);
+    message.m_bMayHaveCallBack = false;
 }

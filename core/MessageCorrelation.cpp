@@ -1,4 +1,5 @@
 #include "core/ApplicationCall.h"
+#include "core/CorrelationSpares.h"
 #include "core/ExistingManager.h"
 #include "core/MessageUnit.h"
 #include "tarnadapterframe/TEAdapterManager.h"
@@ -32,7 +33,10 @@ int TEAdapterManager::RegisterPrivateMessage(TEMessage* pSource, TEMessageAdapte
         return -1;
     return WithMemory("TEAdapterManager::RegisterPrivateMessage", -1, [&] {
         const TarnGuard guard(m_MsgMapMtx);
-        const auto it = m_mapMsgInfo.try_emplace(sourceUnit, pSource, pMsgAdapter, nullptr, nTimeOut).first;
+        const auto it =
+            m_pSpares->infos
+                .Insert(m_mapMsgInfo, sourceUnit, TEMessageInfo(pSource, pMsgAdapter, nullptr, nTimeOut))
+                .first;
         pSource->m_bMayBeSource = true;
         if (pUserData != nullptr)
             it->second.SetUserData(pUserData);
@@ -59,15 +63,15 @@ int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
         if (bNewSource)
         {
             TarnAdapterFrmtTrace(3, "TEAdapterManager::RegisterMessage, cannot find source msg in the map\n");
-            it = m_mapMsgInfo.try_emplace(sourceUnit).first;
+            it = m_pSpares->infos.Insert(m_mapMsgInfo, sourceUnit, TEMessageInfo()).first;
             it->second.pSource = pSource;
             pSource->m_bMayBeSource = true;
         }
         bool bNewLink = false;
         try
         {
-            bNewLink = m_mapSinkToSource.try_emplace(sinkUnit, sourceUnit).second;
-            it->second.AddSinkMessage(sinkUnit);
+            bNewLink = m_pSpares->links.Insert(m_mapSinkToSource, sinkUnit, TEMessageUnit(sourceUnit)).second;
+            m_pSpares->Append(it->second, sinkUnit);
         }
         catch (...)
         {
@@ -125,10 +129,12 @@ void TEAdapterManager::ForgetSourceMessage(const TEMessage& source)
 void TEAdapterManager::EraseSourceLocked(MapMsgInfo::iterator it)
 {
     for (const TEMessageUnit& sinkUnit : it->second.lstSinkUnit)
-        m_mapSinkToSource.erase(sinkUnit);
+        m_pSpares->links.Keep(m_mapSinkToSource.extract(sinkUnit));
     ++m_uErasedInfos;
-    // Out of the map before it is destroyed: the destructor of a message that it owns may come back here.
-    const auto node = m_mapMsgInfo.extract(it);
+    // Out of the map before: the destructor of a message that it owns may come back here.
+    auto node = m_mapMsgInfo.extract(it);
+    node.mapped().DeleteOwnedMessage();
+    m_pSpares->Keep(std::move(node));
 }
 
 int TEAdapterManager::UnRegisterSinkMessage(TEMessage* pSinkMsg)

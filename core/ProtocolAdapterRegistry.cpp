@@ -8,6 +8,14 @@
 #include "tarnadapterframe/tarnbaseutil.h"
 
 #include <algorithm>
+#include <atomic>
+
+namespace {
+
+// Counts the changes of the registered adapters, of every manager. A change is counted within its lock.
+std::atomic<std::uint64_t> s_uChanges{0};
+
+} // namespace
 
 int TEAdapterManager::RegisterProtocolAdapter(std::uint32_t ulProtocolID, TarnProtocolAdapter* pProtocolMgr,
                                               bool bStartAsyncIO)
@@ -57,6 +65,7 @@ bool TEAdapterManager::InsertProtocolAdapter(std::uint32_t ulProtocolID, TarnPro
     try
     {
         m_mapProtocolAdapter.emplace(ulProtocolID, pProtocolMgr);
+        ++s_uChanges;
     }
     catch (...)
     {
@@ -112,16 +121,30 @@ bool TEAdapterManager::RetireProtocolAdapter(std::uint32_t ulProtocolID, const T
     if (it == m_mapProtocolAdapter.end() || (pOnly != nullptr && it->second != pOnly))
         return false;
     m_mapRetiredAdapter.insert(m_mapProtocolAdapter.extract(it));
+    ++s_uChanges;
     return true;
 }
 
 TarnProtocolAdapter* TEAdapterManager::GetProtocolAdapter(std::uint32_t ulProtocolID)
 {
+    // Each thread asks for the same adapter for every message that it cuts out of the bytes.
+    struct Found
+    {
+        std::uint64_t uChanges = 0;
+        std::uint32_t ulProtocolID = 0;
+        TarnProtocolAdapter* pAdapter = nullptr;
+    };
+    thread_local Found t_Found;
+    if (t_Found.uChanges == s_uChanges && t_Found.ulProtocolID == ulProtocolID && t_Found.pAdapter != nullptr)
+        return t_Found.pAdapter;
     {
         const TarnGuard guard(m_RegistryMutex);
         const auto it = m_mapProtocolAdapter.find(ulProtocolID);
         if (it != m_mapProtocolAdapter.end())
+        {
+            t_Found = {s_uChanges, ulProtocolID, it->second};
             return it->second;
+        }
     }
     TarnAdapterFrmtTrace(2, "GetProtocolAdapter(ID = %d) failed,ProtocolAdapter not registed\n",
                          AsInt(ulProtocolID));
@@ -186,6 +209,7 @@ TEAdapterManager::AdapterEntry TEAdapterManager::TakeFirst(AdapterMap& mapAdapte
 TEAdapterManager::AdapterEntry TEAdapterManager::TakeRegistered()
 {
     const TarnGuard guard(m_RegistryMutex);
+    ++s_uChanges;
     return TakeFirst(m_mapProtocolAdapter);
 }
 

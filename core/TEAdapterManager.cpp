@@ -1,6 +1,7 @@
 #include "tarnadapterframe/TEAdapterManager.h"
 
 #include "core/ApplicationCall.h"
+#include "core/CorrelationSpares.h"
 #include "core/ExistingManager.h"
 #include "core/LibraryThread.h"
 #include "core/LogArguments.h"
@@ -83,7 +84,8 @@ void TEAdapterManager::Destroy()
 }
 
 TEAdapterManager::TEAdapterManager()
-    : m_pTimerThreads(std::make_shared<ThreadCount>())
+    : m_pSpares(std::make_unique<CorrelationSpares>())
+    , m_pTimerThreads(std::make_shared<ThreadCount>())
     , m_pStartGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
     , m_pTickGate(std::make_unique<StopGate>("TEAdapterManager::Destroy"))
 {

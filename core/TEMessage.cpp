@@ -30,7 +30,6 @@ TEMessage& TEMessage::operator=(const TEMessage& other)
     m_ulSerial = other.m_ulSerial;
     m_eType = other.m_eType.load();
     m_pProtocolAdapter = other.m_pProtocolAdapter;
-    // One lock after the other, never both: two threads may assign the same two messages crosswise.
     SetTimeOut(other.GetTimeOut());
     return *this;
 }
@@ -90,21 +89,22 @@ void TEMessage::SetType(EAdapterMessageType eType)
 
 void TEMessage::SetTimeOut(int nTimeOut)
 {
-    const TarnWriteGuard guard(m_TimeOutLock);
     m_nTimeOut = nTimeOut;
 }
 
 int TEMessage::GetTimeOut() const
 {
-    const TarnReadGuard guard(m_TimeOutLock);
     return m_nTimeOut;
 }
 
 int TEMessage::CountDown(int nSeconds)
 {
-    const TarnWriteGuard guard(m_TimeOutLock);
-    m_nTimeOut = std::max(m_nTimeOut, std::numeric_limits<int>::min() + nSeconds) - nSeconds;
-    return m_nTimeOut;
+    int nBefore = m_nTimeOut;
+    int nLeft = 0;
+    do
+        nLeft = std::max(nBefore, std::numeric_limits<int>::min() + nSeconds) - nSeconds;
+    while (!m_nTimeOut.compare_exchange_weak(nBefore, nLeft));
+    return nLeft;
 }
 
 int TEMessage::CancelMessage()

@@ -2,6 +2,7 @@
 
 #include "core/LivingAdapters.h"
 
+#include <atomic>
 #include <mutex>
 #include <unordered_set>
 
@@ -11,6 +12,7 @@ struct LivingAdapters
 {
     std::mutex mutex;                                        // a leaf
     std::unordered_set<const TarnProtocolAdapter*> adapters; // guarded by the mutex
+    std::atomic<std::uint64_t> uGone{0};                     // counted within the mutex
 };
 
 // Never destroyed: adapters of the host may be statics.
@@ -24,8 +26,22 @@ LivingAdapters& Living()
 
 bool IsLivingAdapter(const TarnProtocolAdapter* pAdapter, std::uint32_t ulProtocolID)
 {
-    const std::lock_guard<std::mutex> guard(Living().mutex);
-    return Living().adapters.count(pAdapter) != 0 && pAdapter->GetProtocolAdapterID() == ulProtocolID;
+    // Each thread mostly asks for the same one, for every message that it sends.
+    struct Found
+    {
+        std::uint64_t uGone = 0;
+        const TarnProtocolAdapter* pAdapter = nullptr;
+        std::uint32_t ulProtocolID = 0;
+    };
+    thread_local Found t_Found;
+    LivingAdapters& living = Living();
+    if (pAdapter != nullptr && t_Found.pAdapter == pAdapter && t_Found.uGone == living.uGone)
+        return t_Found.ulProtocolID == ulProtocolID;
+    const std::lock_guard<std::mutex> guard(living.mutex);
+    if (living.adapters.count(pAdapter) == 0)
+        return false;
+    t_Found = {living.uGone, pAdapter, pAdapter->GetProtocolAdapterID()};
+    return t_Found.ulProtocolID == ulProtocolID;
 }
 
 TarnProtocolAdapter::TarnProtocolAdapter(std::uint32_t ulProtocolID)
@@ -39,6 +55,7 @@ TarnProtocolAdapter::~TarnProtocolAdapter()
 {
     const std::lock_guard<std::mutex> guard(Living().mutex);
     Living().adapters.erase(this);
+    ++Living().uGone;
 }
 
 std::uint32_t TarnProtocolAdapter::RequireMessageSerial()

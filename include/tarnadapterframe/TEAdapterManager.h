@@ -21,6 +21,7 @@ ACE_BEGIN_VERSIONED_NAMESPACE_DECL
 class ACE_Reactor;
 ACE_END_VERSIONED_NAMESPACE_DECL
 
+struct CorrelationSpares;
 class TEMessage;
 class TEMessageAdapter;
 class StopGate;
@@ -216,6 +217,7 @@ private:
     // Guarded by m_MsgMapMtx.
     MapSinkToSource m_mapSinkToSource TARN_GUARDED_BY(m_MsgMapMtx);
     MapMsgInfo m_mapMsgInfo TARN_GUARDED_BY(m_MsgMapMtx);
+    const std::unique_ptr<CorrelationSpares> m_pSpares TARN_PT_GUARDED_BY(m_MsgMapMtx);
     std::uint64_t m_uErasedInfos TARN_GUARDED_BY(m_MsgMapMtx) = 0; // by other operations than the tick
     TarnRecursiveThreadMutex m_MsgMapMtx;
 

@@ -4,7 +4,6 @@
 #include "tarnadapterframe/AdapterTypes.h"
 #include "tarnadapterframe/Export.h"
 #include "tarnadapterframe/TarnAdapterObject.h"
-#include "tarnadapterframe/TarnLock.h"
 
 #include <atomic>
 #include <cstdint>
@@ -12,6 +11,7 @@
 
 class TEAdapterManager;
 class TEMessageAdapter;
+class TarnAsyncMessageReceiver;
 class TarnProtocolAdapter;
 
 /// Base of whatever a caller attaches to a source message. The user data pointers of the framework are
@@ -43,7 +43,7 @@ public:
     explicit TEMessage(TarnProtocolAdapter* pProtocolAdapter = nullptr,
                        EAdapterMessageType eType = COMMAND_MESSAGE, int nTimeOut = 60);
 
-    /// A copy has the serial, type, adapter and remaining time of the other message, and a lock of its own.
+    /// A copy has the serial, type, adapter and remaining time of the other message.
     TEMessage(const TEMessage& other);
     TEMessage& operator=(const TEMessage& other);
     ~TEMessage() override;
@@ -96,15 +96,16 @@ protected:
 
 private:
     friend class TEAdapterManager;
+    friend class TarnAsyncMessageReceiver;
 
     // Takes a tick off the time left, in one piece with whoever sets it meanwhile. Returns what is left.
     int CountDown(int nSeconds);
 
     // A record of the correlation may name the message as its source. Set, and cleared, by the manager.
     mutable std::atomic<bool> m_bMayBeSource{false};
-    int m_nTimeOut TARN_GUARDED_BY(m_TimeOutLock);
-    // Taken inside the manager's correlation lock, never the other way round.
-    mutable TarnRWThreadMutex m_TimeOutLock;
+    // A callback may be registered for the message. Set, and cleared, by its registry.
+    mutable std::atomic<bool> m_bMayHaveCallBack{false};
+    std::atomic<int> m_nTimeOut; // read and set by several threads
 };
 
 #endif

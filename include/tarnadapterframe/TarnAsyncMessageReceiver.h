@@ -7,8 +7,11 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 
 class TEMessage;
+template <class MAP>
+class SpareNodes;
 
 /// A function that is called when the answer to an asynchronous message (ASYNC_MESSAGE) is there.
 ///
@@ -89,7 +92,12 @@ private:
     /// Deletes the record that was registered for this very message, if there is one.
     static void RemoveOwn(const TEMessage& message);
 
-    std::map<std::uint32_t, AsynCallBack*> m_mapCallBack TARN_GUARDED_BY(m_Lock); // owned
+    using MapCallBack = std::map<std::uint32_t, AsynCallBack*>;
+
+    void EraseLocked(MapCallBack::iterator it) TARN_REQUIRES(m_Lock);
+
+    MapCallBack m_mapCallBack TARN_GUARDED_BY(m_Lock); // owned
+    const std::unique_ptr<SpareNodes<MapCallBack>> m_pSpares TARN_PT_GUARDED_BY(m_Lock);
     TarnThreadMutex m_Lock;
 
     static std::atomic<TarnAsyncMessageReceiver*> m_pInstance;

@@ -10,8 +10,10 @@
 
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
+#include <ace/Thread.h>
 #include <ace/Thread_Mutex.h>
 
+#include <atomic>
 #include <cassert>
 #include <cerrno>
 
@@ -25,6 +27,8 @@
 #define TARN_SCOPED_CAPABILITY TARN_THREAD_ANNOTATION(scoped_lockable)
 /// The member may only be touched with the lock held (shared: read).
 #define TARN_GUARDED_BY(lock) TARN_THREAD_ANNOTATION(guarded_by(lock))
+/// The same for what the member points to.
+#define TARN_PT_GUARDED_BY(lock) TARN_THREAD_ANNOTATION(pt_guarded_by(lock))
 /// The function wants the locks held by its caller (shared: for reading at least).
 #define TARN_REQUIRES(...) TARN_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define TARN_REQUIRES_SHARED(...) TARN_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
@@ -72,18 +76,41 @@ public:
     int release() TARN_RELEASE() TARN_NO_THREAD_SAFETY_ANALYSIS { return ACE_Thread_Mutex::release(); }
 };
 
-/// ACE_Recursive_Thread_Mutex: its owner may take it again and releases it as often.
+/// ACE_Recursive_Thread_Mutex: its owner may take it again and releases it as often. Taken again it is only counted; it
+/// is to be taken and released by these two operations, not by the base's.
 class TARN_CAPABILITY("mutex") TarnRecursiveThreadMutex : public ACE_Recursive_Thread_Mutex
 {
 public:
     int acquire() TARN_ACQUIRE() TARN_NO_THREAD_SAFETY_ANALYSIS
     {
-        return TarnAcquireSoon<ACE_Recursive_Thread_Mutex>(*this);
+        const ACE_thread_t self = ACE_Thread::self();
+        if (m_Owner.load(std::memory_order_relaxed) == self) // which only this thread could have written
+        {
+            ++m_uAgain;
+            return 0;
+        }
+        const int iResult = TarnAcquireSoon<ACE_Recursive_Thread_Mutex>(*this);
+        if (iResult == 0)
+            m_Owner.store(self, std::memory_order_relaxed);
+        return iResult;
     }
     int release() TARN_RELEASE() TARN_NO_THREAD_SAFETY_ANALYSIS
     {
-        return ACE_Recursive_Thread_Mutex::release();
+        if (m_Owner.load(std::memory_order_relaxed) == ACE_Thread::self())
+        {
+            if (m_uAgain != 0)
+            {
+                --m_uAgain;
+                return 0;
+            }
+            m_Owner.store(ACE_thread_t{}, std::memory_order_relaxed);
+        }
+        return ACE_Recursive_Thread_Mutex::release(); // which refuses a thread that does not own it
     }
+
+private:
+    std::atomic<ACE_thread_t> m_Owner{};
+    unsigned m_uAgain = 0; // how often its owner has taken it beyond the first time; the owner's
 };
 
 /// ACE_RW_Thread_Mutex: many readers or one writer. Nested reads are safe; a writer must not take it again.
