@@ -296,7 +296,8 @@ public:
         auto* pRequest = static_cast<Request*>(pMessage);
         Sink sink(SinkProtocolInstance());
         const std::uint32_t ulSerial = sink.GetMessageSerial();
-        std::vector<char> frame(yardstick::HEAD_BYTES + g_Options.Payload());
+        thread_local std::vector<char> frame;
+        frame.resize(yardstick::HEAD_BYTES + g_Options.Payload());
         const std::uint32_t head[] = {htonl(static_cast<std::uint32_t>(4 + g_Options.Payload())),
                                       htonl(ulSerial)};
         std::memcpy(frame.data(), head, sizeof(head));

@@ -15,8 +15,8 @@
 namespace {
 
 constexpr int RECEIVE_BYTES = 1024;
-// What one call of the system takes: as many receives as the reactor is asked for in a row.
-constexpr int AHEAD_BYTES = 16 * RECEIVE_BYTES;
+// What one call of the system takes.
+constexpr int AHEAD_BYTES = 64 * RECEIVE_BYTES;
 
 // Room for what is received ahead, which is mostly given out within the call: the calling thread keeps it for its next one.
 thread_local std::vector<char> t_AheadRoom;

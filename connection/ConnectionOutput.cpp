@@ -20,12 +20,16 @@ namespace {
 
 // A block in the out queue: the id of the thread that queued it, for the trace, and the bytes.
 constexpr std::size_t THREAD_ID_BYTES = sizeof(std::uint32_t);
-// What one call sends at most, so that a fast sender cannot keep an I/O thread.
+// What is sent at once at most. A call that has sent as much as is gathered leaves the rest to the next one, so that a fast
+// sender cannot keep an I/O thread.
 constexpr std::size_t WRITE_LIMIT = 65536;
 // Blocks are sent together until they are so many bytes.
-constexpr std::size_t GATHER_BYTES = 4096;
-// Room that an empty buffer may keep.
-constexpr std::size_t MAX_IDLE_CAPACITY = 65536;
+constexpr std::size_t GATHER_BYTES = 49152;
+// A block of so many bytes is not copied without need.
+constexpr std::size_t LARGE_BLOCK = 4096;
+// Room that a thread keeps for the blocks that it sends together next.
+constexpr std::size_t MAX_IDLE_CAPACITY = 2 * WRITE_LIMIT;
+thread_local std::vector<unsigned char> t_WriteRoom;
 // How long a sender waits for room in the out queue.
 const ACE_Time_Value QUEUE_WAIT(0, 100'000);
 
@@ -102,16 +106,15 @@ void TarnConnectorImpl::SwitchWriteEvents(bool bOn)
 
 int TarnConnectorImpl::Write()
 {
-    std::size_t uBudget = WRITE_LIMIT;
+    std::size_t uSentNow = 0;
     for (;;)
     {
-        if (m_uWritten == m_WriteBuffer.size() && !GatherOutput())
+        if (m_uToWrite == 0 && !GatherOutput())
             return 0;
-        if (uBudget == 0)
+        if (uSentNow >= GATHER_BYTES)
             return MORE_LATER;
-        const std::size_t uTurn = std::min(m_WriteBuffer.size() - m_uWritten, uBudget);
-        const int iSent = SendData(reinterpret_cast<const char*>(m_WriteBuffer.data()) + m_uWritten,
-                                   static_cast<int>(uTurn));
+        const std::size_t uTurn = std::min(m_uToWrite, WRITE_LIMIT);
+        const int iSent = SendData(m_pToWrite, static_cast<int>(uTurn));
         if (iSent == -1)
         {
             const int iError = errno;
@@ -120,7 +123,7 @@ int TarnConnectorImpl::Write()
             return -1;
         }
         NoteSent(static_cast<std::size_t>(iSent));
-        uBudget -= static_cast<std::size_t>(iSent);
+        uSentNow += static_cast<std::size_t>(iSent);
         if (static_cast<std::size_t>(iSent) < uTurn)
             return MORE_LATER; // the socket takes no more; it announces when it does
     }
@@ -133,9 +136,10 @@ void TarnConnectorImpl::NoteSent(std::size_t uSent)
     {
         OutputBlock& block = m_WriteBlocks.front();
         const std::size_t uPart = std::min(uSent, block.uRest);
-        TraceHexData(reinterpret_cast<const char*>(m_WriteBuffer.data()) + m_uWritten,
-                     static_cast<int>(uPart), TraceTypeOfSending(m_ulAdapterProtocolID), block.ulThreadId);
-        m_uWritten += uPart;
+        TraceHexData(m_pToWrite, static_cast<int>(uPart), TraceTypeOfSending(m_ulAdapterProtocolID),
+                     block.ulThreadId);
+        m_pToWrite += uPart;
+        m_uToWrite -= uPart;
         uSent -= uPart;
         block.uRest -= uPart;
         if (block.uRest == 0)
@@ -143,42 +147,59 @@ void TarnConnectorImpl::NoteSent(std::size_t uSent)
     }
 }
 
-/// Makes the first blocks of the out queue those being sent, several when they are small: a call of the system
-/// for each would cost more than all the rest. False when there is none.
+/// Makes the first blocks of the out queue those being sent, as many as one call sends: a call of the system for each
+/// would cost more than all the rest. A large one that is alone is sent from where it is. False when there is none.
 bool TarnConnectorImpl::GatherOutput()
 {
+    m_pWriteBlock.reset();
     m_WriteBuffer.clear();
-    m_uWritten = 0;
-    if (m_WriteBuffer.capacity() > MAX_IDLE_CAPACITY)
-        m_WriteBuffer.shrink_to_fit();
-    while (m_WriteBuffer.size() < GATHER_BYTES && TakeNextBlock())
+    if (m_WriteBuffer.capacity() == 0)
+        m_WriteBuffer.swap(t_WriteRoom);
+    while (m_WriteBuffer.size() < GATHER_BYTES && m_pWriteBlock == nullptr && TakeNextBlock())
     {}
-    return !m_WriteBuffer.empty();
+    if (m_WriteBuffer.empty()) // idle connections keep no room
+    {
+        if (m_WriteBuffer.capacity() <= MAX_IDLE_CAPACITY)
+            t_WriteRoom.swap(m_WriteBuffer);
+        m_WriteBuffer = {};
+    }
+    return m_uToWrite != 0;
 }
 
 /// Moves the first block of the out queue to the end of what is being sent. False when there is none.
 bool TarnConnectorImpl::TakeNextBlock()
 {
-    ACE_Message_Block* pBlock = m_pOutQueue->TakeFirst();
+    bool bLast = false;
+    BlockPtr pBlock(m_pOutQueue->TakeFirst(&bLast));
     if (pBlock == nullptr)
         return false;
-    const auto* pBytes = reinterpret_cast<const unsigned char*>(pBlock->base());
+    const char* pBytes = pBlock->base() + THREAD_ID_BYTES;
     const std::size_t uLength = pBlock->size() - THREAD_ID_BYTES;
     OutputBlock block = {0, uLength};
-    std::memcpy(&block.ulThreadId, pBytes, THREAD_ID_BYTES);
+    std::memcpy(&block.ulThreadId, pBlock->base(), THREAD_ID_BYTES);
+    const bool bInPlace =
+        m_WriteBuffer.empty() && (uLength >= WRITE_LIMIT || (bLast && uLength >= LARGE_BLOCK));
     try
     {
-        m_WriteBuffer.reserve(m_WriteBuffer.size() + uLength);
+        if (!bInPlace && m_WriteBuffer.capacity() < m_WriteBuffer.size() + uLength)
+            m_WriteBuffer.reserve(std::max(m_WriteBuffer.size() + uLength, 2 * m_WriteBuffer.capacity()));
         m_WriteBlocks.push_back(block);
     }
     catch (const std::bad_alloc&)
     {
         ACE_Time_Value noWait(ACE_Time_Value::zero);
-        m_pOutQueue->enqueue_head(pBlock, &noWait);
+        m_pOutQueue->enqueue_head(pBlock.release(), &noWait);
         throw;
     }
-    m_WriteBuffer.insert(m_WriteBuffer.end(), pBytes + THREAD_ID_BYTES, pBytes + pBlock->size());
-    pBlock->release();
+    m_pToWrite = pBytes;
+    if (bInPlace)
+        m_pWriteBlock = std::move(pBlock);
+    else
+    {
+        m_WriteBuffer.insert(m_WriteBuffer.end(), pBytes, pBytes + uLength);
+        m_pToWrite = reinterpret_cast<const char*>(m_WriteBuffer.data());
+    }
+    m_uToWrite += uLength;
     return true;
 }
 

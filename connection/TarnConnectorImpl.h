@@ -269,6 +269,11 @@ protected:
 
 private:
     class Reference;
+    struct Release
+    {
+        void operator()(ACE_Message_Block* pBlock) const { pBlock->release(); }
+    };
+    using BlockPtr = std::unique_ptr<ACE_Message_Block, Release>;
     struct OutputBlock
     {
         std::uint32_t ulThreadId; // who queued it
@@ -327,8 +332,10 @@ private:
     std::uint32_t m_ulAheadSession = 0;    // in which it was
     InputBuffer m_Input;                   // the read buffer
     std::uint32_t m_ulInputSession = 0;    // in which its last bytes were received
-    std::size_t m_uWritten = 0;            // how much of the write buffer has been sent
-    std::deque<OutputBlock> m_WriteBlocks; // those in it of which something is left
+    BlockPtr m_pWriteBlock;                // a large block that is being sent; null: the write buffer is
+    const char* m_pToWrite = nullptr;      // what is left of it
+    std::size_t m_uToWrite = 0;            // bytes
+    std::deque<OutputBlock> m_WriteBlocks; // the blocks of which that consists
     int m_nRepeats = 0;                    // results of 1 in a row
 
     TarnThreadMutex m_SendLock;

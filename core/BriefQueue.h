@@ -51,12 +51,18 @@ public:
                                                                              : -1;
     }
 
-    /// Takes the first block out if there is one; does not wait for one. @return null: there is none
-    ACE_Message_Block* TakeFirst()
+    /// Takes the first block out if there is one; does not wait for one.
+    /// @param pLast  set to whether no other is behind it; may be null
+    /// @return null: there is none
+    ACE_Message_Block* TakeFirst(bool* pLast = nullptr)
     {
         const Guard guard(this->lock_);
         ACE_Message_Block* pBlock = nullptr;
-        return this->is_empty_i() || this->dequeue_head_i(pBlock) == -1 ? nullptr : pBlock;
+        if (this->is_empty_i() || this->dequeue_head_i(pBlock) == -1)
+            return nullptr;
+        if (pLast != nullptr)
+            *pLast = this->is_empty_i();
+        return pBlock;
     }
 
 private:

@@ -16,55 +16,82 @@ public:
     void free(void* /*pMemory*/) override {}
 };
 
-class FreePiece : public ACE_New_Allocator
+class FreeMemory : public ACE_New_Allocator
 {
 public:
     void free(void* pMemory) override { ::operator delete(pMemory); }
 };
 
-// Short messages are most; these pieces are cached.
-constexpr std::size_t SHORT_PIECE = 512;
-using ShortPieces = PieceCache<SHORT_PIECE>;
-
-class FreeShortPiece : public ACE_New_Allocator
+template <class PIECES>
+class FreePiece : public ACE_New_Allocator
 {
 public:
-    void free(void* pMemory) override { ShortPieces::Give(pMemory); }
+    void free(void* pMemory) override { PIECES::Give(pMemory); }
 };
 
-struct Piece
+struct Head
 {
     alignas(ACE_Data_Block) unsigned char dataBlock[sizeof(ACE_Data_Block)];
     alignas(ACE_Message_Block) unsigned char block[sizeof(ACE_Message_Block)];
 };
 
-/// @param uRoom  bytes behind the blocks
-ACE_Message_Block* NewPiece(const char* pBytes, std::size_t uLength, std::size_t uRoom)
+/// Memory, and how ACE gives it back.
+struct Piece
 {
-    static auto& keepMemory = *new KeepMemory; // never destroyed: blocks may be released late
-    static auto& freePiece = *new FreePiece;
-    static auto& freeShortPiece = *new FreeShortPiece;
-    const bool bShort = sizeof(Piece) + uRoom <= SHORT_PIECE;
-    void* pMemory = bShort ? ShortPieces::Take() : ::operator new(sizeof(Piece) + uRoom, std::nothrow);
-    if (pMemory == nullptr)
+    void* pMemory;
+    ACE_Allocator* pFree;
+};
+
+// The allocators are never destroyed: blocks may be released late.
+
+template <std::size_t BYTES, std::size_t MAGAZINE, std::size_t DEPOT>
+Piece TakeCached()
+{
+    using Pieces = PieceCache<BYTES, MAGAZINE, DEPOT>;
+    static auto& freePiece = *new FreePiece<Pieces>;
+    return {Pieces::Take(), &freePiece};
+}
+
+Piece TakePiece(std::size_t uBytes)
+{
+    // Most messages are short; what is longer is kept by the handful.
+    constexpr std::size_t SHORT = 512;
+    constexpr std::size_t MIDDLE = 4096;
+    constexpr std::size_t LONG = 17 * 1024;
+    if (uBytes <= SHORT)
+        return TakeCached<SHORT, 32, 64>();
+    if (uBytes <= MIDDLE)
+        return TakeCached<MIDDLE, 8, 16>();
+    if (uBytes <= LONG)
+        return TakeCached<LONG, 4, 16>();
+    static auto& freeMemory = *new FreeMemory;
+    return {::operator new(uBytes, std::nothrow), &freeMemory};
+}
+
+/// @param uRoom  bytes behind the blocks
+ACE_Message_Block* NewBlock(const char* pBytes, std::size_t uLength, std::size_t uRoom)
+{
+    static auto& keepMemory = *new KeepMemory;
+    const Piece piece = TakePiece(sizeof(Head) + uRoom);
+    if (piece.pMemory == nullptr)
         return nullptr;
-    auto* pPiece = static_cast<Piece*>(pMemory);
+    auto* pHead = static_cast<Head*>(piece.pMemory);
     if (pBytes == nullptr)
-        pBytes = reinterpret_cast<const char*>(pPiece + 1);
-    auto* pDataBlock = new (pPiece->dataBlock) ACE_Data_Block(
-        uLength, ACE_Message_Block::MB_DATA, pBytes, &keepMemory, nullptr, ACE_Message_Block::DONT_DELETE,
-        bShort ? static_cast<ACE_Allocator*>(&freeShortPiece) : &freePiece);
-    return new (pPiece->block) ACE_Message_Block(pDataBlock, 0, &keepMemory);
+        pBytes = reinterpret_cast<const char*>(pHead + 1);
+    auto* pDataBlock =
+        new (pHead->dataBlock) ACE_Data_Block(uLength, ACE_Message_Block::MB_DATA, pBytes, &keepMemory,
+                                              nullptr, ACE_Message_Block::DONT_DELETE, piece.pFree);
+    return new (pHead->block) ACE_Message_Block(pDataBlock, 0, &keepMemory);
 }
 
 } // namespace
 
 ACE_Message_Block* NewJoinedBlock(const char* pBytes, std::size_t uLength)
 {
-    return NewPiece(pBytes, uLength, 0);
+    return NewBlock(pBytes, uLength, 0);
 }
 
 ACE_Message_Block* NewJoinedBlock(std::size_t uLength)
 {
-    return NewPiece(nullptr, uLength, uLength);
+    return NewBlock(nullptr, uLength, uLength);
 }

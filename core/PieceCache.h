@@ -18,8 +18,10 @@
 /// Memory of one size for what one thread makes and another one frees, with every message. malloc(3) keeps what a thread
 /// has freed for that thread, so that it always goes the long way here: the maker finds nothing, the other one has too much.
 /// This keeps up to two magazines of pieces for each thread and hands whole ones over through a depot.
+/// @tparam MAGAZINE  pieces in a magazine
+/// @tparam DEPOT     magazines in the depot; what does not fit goes back to the heap
 /// With the address sanitizer each piece is the heap's, so that it sees who uses one too long.
-template <std::size_t BYTES>
+template <std::size_t BYTES, std::size_t MAGAZINE = 32, std::size_t DEPOT = 64>
 class PieceCache
 {
 public:
@@ -68,9 +70,6 @@ public:
     }
 
 private:
-    static constexpr std::size_t MAGAZINE = 32;        // pieces
-    static constexpr std::size_t DEPOT_MAGAZINES = 64; // more are given back to the heap
-
     struct Piece
     {
         Piece* pNext;
@@ -105,7 +104,7 @@ private:
     struct Depot
     {
         std::mutex mutex; // a leaf
-        std::array<Magazine, DEPOT_MAGAZINES> full;
+        std::array<Magazine, DEPOT> full;
         std::size_t uFull = 0;
     };
 
@@ -127,7 +126,7 @@ private:
         Depot& depot = TheDepot();
         {
             const std::lock_guard<std::mutex> guard(depot.mutex);
-            if (depot.uFull < DEPOT_MAGAZINES)
+            if (depot.uFull < DEPOT)
             {
                 depot.full[depot.uFull++] = std::exchange(magazine, {});
                 return;

@@ -625,6 +625,29 @@ TEST_F(ConnectionCore, ReadingHasItsTurnWhileMuchIsBeingSent)
     connection.set_handle(ACE_INVALID_HANDLE);
 }
 
+TEST_F(ConnectionCore, BlocksOfAllSizesKeepTheirOrder)
+{
+    StartKeeping();
+    const SocketPair pair;
+    TestConnector connector(1);
+    ASSERT_EQ(Serve(connector, pair), 0);
+    // Sent together, sent from where they are, in several pieces; some meet a socket that is full.
+    constexpr std::size_t SIZES[] = {1, 4095, 70'000, 4096, 4096, 3, 200'000, 50'000, 65'536, 2, 17'000};
+    std::string strAll;
+    for (int iRound = 0; iRound < 10; ++iRound)
+        for (const std::size_t uSize : SIZES)
+        {
+            std::string strBlock(uSize, '\0');
+            for (std::size_t u = 0; u < uSize; ++u)
+                strBlock[u] = static_cast<char>((strAll.size() + u) * 31 >> 3U);
+            ASSERT_EQ(
+                AsyncIO().SendToOutBuffer(pair.iNear, strBlock.data(), static_cast<int>(strBlock.size())), 0);
+            strAll += strBlock;
+        }
+    EXPECT_TRUE(pair.Receive(strAll.size()) == strAll);
+    EXPECT_EQ(connector.UnRegister(), 0);
+}
+
 TEST_F(ConnectionCore, WhatABreakCutsInTwoIsContinued)
 {
     StartKeeping();
