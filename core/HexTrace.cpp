@@ -9,10 +9,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdarg>
+#include <charconv>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 namespace {
 
@@ -38,22 +39,23 @@ class TextBuffer
 public:
     TextBuffer() { m_szText[0] = '\0'; }
 
-    void AppendFormat(const char* pszFormat, ...) TARN_PRINTF_FORMAT(2, 3)
+    void Append(std::string_view text)
     {
-        va_list args;
-        va_start(args, pszFormat);
-        const int iLength = std::vsnprintf(m_szText + m_Length, SIZE - m_Length, pszFormat, args);
-        va_end(args);
-        if (iLength > 0)
-            m_Length = std::min(m_Length + static_cast<std::size_t>(iLength), SIZE - 1);
+        text = text.substr(0, SIZE - 1 - m_Length);
+        std::copy(text.begin(), text.end(), m_szText + m_Length);
+        m_Length += text.size();
+        m_szText[m_Length] = '\0';
     }
 
-    void Append(const char* pText, std::size_t length)
+    // In lower-case digits, with blanks before them up to a width.
+    void AppendHex(std::uint32_t ulNumber, std::size_t width)
     {
-        length = std::min(length, SIZE - 1 - m_Length);
-        std::memcpy(m_szText + m_Length, pText, length);
-        m_Length += length;
-        m_szText[m_Length] = '\0';
+        char digits[2 * sizeof(ulNumber)];
+        const auto length =
+            static_cast<std::size_t>(std::to_chars(digits, std::end(digits), ulNumber, 16).ptr - digits);
+        if (length < width)
+            Append(std::string_view("        ", width - length));
+        Append(std::string_view(digits, length));
     }
 
     // Two lower-case digits and a blank for each byte, a line feed after every 16th; stops at the first line
@@ -83,8 +85,8 @@ public:
         }
         m_Length = static_cast<std::size_t>(pOut - m_szText);
         if (bCut)
-            Append(MORE_DATA, sizeof(MORE_DATA) - 1);
-        Append("\n", 1);
+            Append(MORE_DATA);
+        Append("\n");
     }
 
     const char* c_str() const { return m_szText; }
@@ -104,26 +106,30 @@ static_assert((MAX_OUTPUT_BYTES + BYTES_PER_LINE) * 3 + MAX_OUTPUT_BYTES / BYTES
 
 void AppendHeader(TraceText& text, ETarnAdpterTraceType eTraceType, std::uint32_t ulCallerThreadId)
 {
-    const std::uint32_t ulThreadId = Low32(ACE_Thread::self());
+    constexpr std::size_t THREAD_ID_WIDTH = 4;
+    text.Append("Thread:");
+    text.AppendHex(Low32(ACE_Thread::self()), THREAD_ID_WIDTH);
     switch (eTraceType)
     {
     case TARN_TRACE_SEND_TO_NE:
-        text.AppendFormat("Thread:%4x, Send to ne (from thread 0x%x)>>>... \n", ulThreadId, ulCallerThreadId);
+        text.Append(", Send to ne (from thread 0x");
+        text.AppendHex(ulCallerThreadId, 0);
+        text.Append(")>>>... \n");
         break;
     case TARN_TRACE_ASYNC_IO_RECV:
-        text.AppendFormat("Thread:%4x, AsyncIO RecvData <<<... \n", ulThreadId);
+        text.Append(", AsyncIO RecvData <<<... \n");
         break;
     case TARN_TRACE_NE_MML:
-        text.AppendFormat("Thread:%4x, Ne mml <<<... \n", ulThreadId);
+        text.Append(", Ne mml <<<... \n");
         break;
     case TARN_TRACE_TL1_RECV:
-        text.AppendFormat("Thread:%4x, Recv from Ne TL1 Hex <<<... \n", ulThreadId);
+        text.Append(", Recv from Ne TL1 Hex <<<... \n");
         break;
     case TARN_TRACE_TL1_SEND:
-        text.AppendFormat("Thread:%4x, Send to Ne TL1 Hex <<<... \n", ulThreadId);
+        text.Append(", Send to Ne TL1 Hex <<<... \n");
         break;
     default:
-        text.AppendFormat("Thread:%4x, Other Data... \n", ulThreadId);
+        text.Append(", Other Data... \n");
         break;
     }
 }
@@ -148,11 +154,11 @@ void AppendTextData(TraceText& text, const char* pData, int iLength, ETarnAdpter
     {
         // The data counts as a text and ends at its first zero byte.
         const char* pText = pData + iSkipped;
-        text.Append(pText, ::strnlen(pText, static_cast<std::size_t>(iShown)));
+        text.Append(std::string_view(pText, ::strnlen(pText, static_cast<std::size_t>(iShown))));
     }
-    text.Append("\n", 1);
+    text.Append("\n");
     if (bCut)
-        text.Append(MORE_TEXT, sizeof(MORE_TEXT) - 1);
+        text.Append(MORE_TEXT);
 }
 
 } // namespace

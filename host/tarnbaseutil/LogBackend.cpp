@@ -306,10 +306,14 @@ void LogBackend::Handle(const spdlog::details::log_msg& msg) noexcept
 {
     WriteQueued(msg);
     ++m_uHandled;
-    m_uDeparted = m_uHandled + m_pQueue->overrun_counter();
-    ReportDrops(); // after m_uDeparted is set, see Drop
-    FlushIfDue();
-    Linger();
+    // The queue is asked as little as may be: it is locked each time, and those who log want it.
+    const std::uint64_t uOverrun = m_pQueue->overrun_counter();
+    m_uDeparted = m_uHandled + uOverrun;
+    const bool bEmpty = m_pQueue->queue_size() == 0;
+    ReportDrops(uOverrun, bEmpty); // after m_uDeparted is set, see Drop
+    FlushIfDue(bEmpty);
+    if (bEmpty)
+        Linger();
 }
 
 void LogBackend::WriteQueued(const spdlog::details::log_msg& msg) noexcept
@@ -337,14 +341,14 @@ void LogBackend::AdoptSettings()
     m_Writer.Configure(std::move(settings));
 }
 
-void LogBackend::ReportDrops() noexcept
+void LogBackend::ReportDrops(std::uint64_t uOverrun, bool bEmpty) noexcept
 {
-    const std::uint64_t uOverrun = m_pQueue->overrun_counter();
     m_uUnreported += uOverrun - m_uOverrunSeen + m_uDropped.exchange(0) + m_Writer.TakeLost();
     m_uOverrunSeen = uOverrun;
+    if (m_uUnreported == 0)
+        return;
     const auto tNow = std::chrono::steady_clock::now();
-    const bool bWorthIt = tNow >= m_tNextReport || m_uFlushers != 0 || m_pQueue->queue_size() == 0;
-    if (m_uUnreported == 0 || !bWorthIt)
+    if (tNow < m_tNextReport && m_uFlushers == 0 && !bEmpty)
         return;
     m_tNextReport = tNow + REPORT_INTERVAL;
     try
@@ -358,9 +362,9 @@ void LogBackend::ReportDrops() noexcept
     }
 }
 
-void LogBackend::FlushIfDue() noexcept
+void LogBackend::FlushIfDue(bool bEmpty) noexcept
 {
-    if (m_uFlushers == 0 && !m_Writer.IsFlushDue() && m_pQueue->queue_size() != 0)
+    if (m_uFlushers == 0 && !m_Writer.IsFlushDue() && !bEmpty)
         return;
     m_Writer.Flush();
     {

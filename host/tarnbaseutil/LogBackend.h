@@ -76,8 +76,8 @@ private:
     void Handle(const spdlog::details::log_msg& msg) noexcept;
     void WriteQueued(const spdlog::details::log_msg& msg) noexcept;
     void AdoptSettings();
-    void ReportDrops() noexcept;
-    void FlushIfDue() noexcept;
+    void ReportDrops(std::uint64_t uOverrun, bool bEmpty) noexcept;
+    void FlushIfDue(bool bEmpty) noexcept;
     void Linger() noexcept;
 
     // Constant after construction. The queue is spdlog's, with a lock of its own.

@@ -7,6 +7,12 @@
 
 namespace {
 
+/// Whether it is a printable character of ASCII, which most are.
+bool IsPlain(char c)
+{
+    return c >= 0x20 && c < 0x7F;
+}
+
 /// Length of the control character at text[uAt], 0 when there is none. Those of two bytes are U+0080 to
 /// U+009F: terminals obey them like their escape sequences.
 std::size_t ControlLength(std::string_view text, std::size_t uAt)
@@ -31,19 +37,28 @@ void AppendEscaped(std::string& strText, char c)
 
 } // namespace
 
+void AppendPrintable(std::string& strLine, std::string_view text)
+{
+    std::size_t uCopied = 0; // up to here; what needs no escape is copied by the run
+    for (std::size_t uAt = 0; uAt < text.size();)
+    {
+        const std::size_t uControl = IsPlain(text[uAt]) ? 0 : ControlLength(text, uAt);
+        if (uControl != 0)
+        {
+            strLine.append(text, uCopied, uAt - uCopied);
+            for (std::size_t u = 0; u < uControl; ++u)
+                AppendEscaped(strLine, text[uAt + u]);
+            uCopied = uAt + uControl;
+        }
+        uAt += uControl == 0 ? 1 : uControl;
+    }
+    strLine.append(text, uCopied);
+}
+
 std::string Printable(std::string_view text)
 {
     std::string strPrintable;
-    strPrintable.reserve(text.size());
-    for (std::size_t uAt = 0; uAt < text.size();)
-    {
-        const std::size_t uControl = ControlLength(text, uAt);
-        for (std::size_t u = 0; u < uControl; ++u)
-            AppendEscaped(strPrintable, text[uAt + u]);
-        if (uControl == 0)
-            strPrintable += text[uAt];
-        uAt += uControl == 0 ? 1 : uControl;
-    }
+    AppendPrintable(strPrintable, text);
     return strPrintable;
 }
 

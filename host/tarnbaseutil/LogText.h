@@ -7,6 +7,8 @@
 /// A text as it may be shown on a terminal: control characters, which a text taken from the network may
 /// carry, become \xNN. Line feeds, carriage returns and tabs stay.
 std::string Printable(std::string_view text);
+/// The same, appended to a line.
+void AppendPrintable(std::string& strLine, std::string_view text);
 
 /// The text without the one line feed at its end that belongs to it already.
 std::string_view WithoutLineFeed(std::string_view text);

@@ -14,7 +14,7 @@ constexpr auto RETRY_INTERVAL = std::chrono::seconds(5);
 } // namespace
 
 LogWriter::LogWriter()
-    : m_Formatter("%Y-%m-%d %H:%M:%S.%f [%t] %n %v", spdlog::pattern_time_type::local, "\n")
+    : m_Formatter("%Y-%m-%d %H:%M:%S.%f [%t] ", spdlog::pattern_time_type::local, "")
 {}
 
 void LogWriter::Configure(LogSettings settings)
@@ -27,15 +27,15 @@ void LogWriter::Configure(LogSettings settings)
 
 bool LogWriter::Write(const spdlog::details::log_msg& msg, int iLevel, LogRoute route)
 {
-    const std::string strTag = Printable({msg.logger_name.data(), msg.logger_name.size()});
-    const std::string strText = std::string(LevelWord(iLevel)) + ' ' +
-                                Printable(WithoutLineFeed({msg.payload.data(), msg.payload.size()}));
-    spdlog::details::log_msg clean = msg;
-    clean.logger_name = string_view_t(strTag.data(), strTag.size());
-    clean.payload = string_view_t(strText.data(), strText.size());
-    spdlog::memory_buf_t formatted;
-    m_Formatter.format(clean, formatted);
-    const std::string strLine(formatted.data(), formatted.size());
+    spdlog::memory_buf_t start;
+    m_Formatter.format(msg, start);
+    std::string strLine;
+    strLine.reserve(start.size() + msg.logger_name.size() + msg.payload.size() + 16);
+    strLine.append(start.data(), start.size());
+    AppendPrintable(strLine, {msg.logger_name.data(), msg.logger_name.size()});
+    strLine.append(1, ' ').append(LevelWord(iLevel)).append(1, ' ');
+    AppendPrintable(strLine, WithoutLineFeed({msg.payload.data(), msg.payload.size()}));
+    strLine += '\n';
 
     const bool bConsole = route.bPrint || (route.bLog && m_Settings.bConsole);
     const bool bShown = bConsole && WriteToStderr(strLine);
