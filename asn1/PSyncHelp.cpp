@@ -45,7 +45,8 @@ PSyncHelp::PSyncHelp() = default;
 
 PSyncHelp::~PSyncHelp()
 {
-    delete m_SyncCon.load();
+    if (SyncCon* pSyncCon = m_SyncCon)
+        pSyncCon->Release();
 }
 
 void PSyncHelp::SetTimeOut(int nSeconds)

@@ -17,10 +17,10 @@ bool IsStopping()
 
 } // namespace
 
-std::unique_ptr<SyncCon> SyncCon::Create(const char*& pszFailed)
+SyncCon::Ptr SyncCon::Create(const char*& pszFailed)
 {
     pszFailed = "ACE_Thread_Mutex";
-    std::unique_ptr<SyncCon> pSyncCon(new (std::nothrow) SyncCon);
+    Ptr pSyncCon(new (std::nothrow) SyncCon);
     if (pSyncCon == nullptr)
         return nullptr;
     pSyncCon->m_pMutex.reset(new (std::nothrow) ACE_Thread_Mutex);
@@ -35,6 +35,12 @@ std::unique_ptr<SyncCon> SyncCon::Create(const char*& pszFailed)
     return pSyncCon;
 }
 
+void SyncCon::Release()
+{
+    if (--m_nUsers == 0)
+        delete this;
+}
+
 void SyncCon::Wake()
 {
     Change([](SyncCon&) {});
@@ -42,9 +48,15 @@ void SyncCon::Wake()
 
 void SyncCon::Change(const std::function<void(SyncCon&)>& change)
 {
-    ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
-    change(*this);
-    m_pCondition->signal(); // before the mutex is released: the waiting thread may destroy this then
+    // The waiting thread, which may be done with this as soon as the mutex is released, is woken when it can have that:
+    // otherwise it would mostly have to wait once more.
+    ++m_nUsers;
+    {
+        ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
+        change(*this);
+    }
+    m_pCondition->signal();
+    Release();
 }
 
 SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)

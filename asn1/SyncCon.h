@@ -4,6 +4,7 @@
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -15,8 +16,16 @@
 class SyncCon
 {
 public:
+    struct Releaser
+    {
+        void operator()(SyncCon* pSyncCon) const { pSyncCon->Release(); }
+    };
+    using Ptr = std::unique_ptr<SyncCon, Releaser>;
+
     /// @param pszFailed  set to what could not be created when null is returned
-    static std::unique_ptr<SyncCon> Create(const char*& pszFailed);
+    static Ptr Create(const char*& pszFailed);
+    /// Given up by its owner: deleted, as soon as nobody is inside Change any more.
+    void Release();
 
     SyncCon(const SyncCon&) = delete;
     SyncCon& operator=(const SyncCon&) = delete;
@@ -45,9 +54,11 @@ public:
 
 private:
     SyncCon() = default;
+    ~SyncCon() = default;
 
     std::unique_ptr<ACE_Thread_Mutex> m_pMutex;
     std::unique_ptr<ACE_Condition<ACE_Thread_Mutex>> m_pCondition;
+    std::atomic<int> m_nUsers{1}; // its owner, and who is inside Change
 };
 
 #endif

@@ -91,7 +91,8 @@ TarnAsn1Message::~TarnAsn1Message()
     if (m_eSyncFlag == ASYNC_MESSAGE)
         TarnAsyncMessageReceiver::RemoveOwn(*this);
     TEAdapterManager::ForgetSourceMessage(*this);
-    delete m_SyncCon.load();
+    if (SyncCon* pSyncCon = m_SyncCon)
+        pSyncCon->Release();
 }
 
 TarnAdapterRuntimeClass* TarnAsn1Message::GetRuntimeClass() const

@@ -209,7 +209,7 @@ TEST_F(Asn1Messages, AWaitIsCancelledByAnotherThreadOrTheHostsExit)
 TEST_F(Asn1Messages, AWakeUpThatNothingCausedEndsNoWait)
 {
     const char* pszFailed = nullptr;
-    const std::unique_ptr<SyncCon> pSyncCon = SyncCon::Create(pszFailed);
+    const SyncCon::Ptr pSyncCon = SyncCon::Create(pszFailed);
     std::atomic<bool> bEnd{false};
     std::thread waker([&] {
         while (!bEnd)
