@@ -57,6 +57,8 @@ struct Options
     double warmup = 0.2;
     int iTimeoutMs = 5000;
     int iReconnectMs = 0;
+    std::string
+        strCaFile; // TLS, with an element whose certificate these authorities (PEM) vouch for; none: TCP
     // Of this library's client only.
     int bTrace = 0;           // hex trace to the log
     int iLogLevel = 2;        // of the host's log
@@ -74,7 +76,7 @@ struct Options
     std::fprintf(
         stderr,
         "usage: %s --mode sync|window|idle --port P [--nports K] --conns C [--window W] [--callers T]\n"
-        "  [--payload B] [--seconds S] [--warmup S] [--timeout-ms N] [--reconnect-ms N]\n"
+        "  [--payload B] [--seconds S] [--warmup S] [--timeout-ms N] [--reconnect-ms N] [--ca FILE]\n"
         "  [--trace 0|1] [--log-level 0..3] [--log FILE] [--connect-threads N]\n"
         "  [--io-threads N] [--response-threads N]\n",
         pszProgram);
@@ -108,6 +110,7 @@ inline Options ParseOptions(int argc, char** argv)
                            {"--warmup", fraction(options.warmup)},
                            {"--timeout-ms", number(options.iTimeoutMs)},
                            {"--reconnect-ms", number(options.iReconnectMs)},
+                           {"--ca", text(options.strCaFile)},
                            {"--trace", number(options.bTrace)},
                            {"--log-level", number(options.iLogLevel)},
                            {"--connect-threads", number(options.nConnectThreads)},

@@ -2,10 +2,12 @@
 // runner compares them in one run.
 //
 // `sync`: blocking ASN.1 messages that go the whole road: message adapter, correlation, connector, answer, response thread, the
-// caller's wake-up. `window`: asynchronous ones, whose callback sends the next. `idle`: one request an opening.
+// caller's wake-up. `window`: asynchronous ones, whose callback sends the next. `idle`: one request an opening. Over TCP, or
+// with --ca FILE over TLS.
 // The log goes to a file at the default level, the hex trace is off unless --trace 1 is given.
 #include "Yardstick.h"
 
+#include <tarnadapterframe/tarn_ssl.h>
 #include <tarnadapterframe/tarnadapterframe.h>
 #include <tarnadapterframe/tarnbaseutil.h>
 
@@ -27,6 +29,7 @@ constexpr std::uint32_t PROTOCOL = 70;
 constexpr int GROUP = 1;
 
 yardstick::Options g_Options;
+TARN_SSL_Option g_SslOption; // with --ca
 
 std::uint32_t Number(const unsigned char* pBytes)
 {
@@ -48,12 +51,14 @@ class Element : public TarnConnector
 {
 public:
     explicit Element(int iTarget)
-        : TarnConnector(TCP_TYPE)
+        : TarnConnector(g_Options.strCaFile.empty() ? TCP_TYPE : TCP_SSL_TYPE)
         , m_iTarget(iTarget)
     {
         std::uint32_t ulIP = INADDR_LOOPBACK;
         auto usPort = static_cast<std::uint16_t>(g_Options.iPort + iTarget % g_Options.nPorts);
         std::vector<void*> parameters = {&ulIP, &usPort};
+        if (!g_Options.strCaFile.empty())
+            parameters.push_back(&g_SslOption);
         SetGroupID(GROUP);
         SetTargetID(static_cast<unsigned long>(iTarget));
         SetAdapterProtocolID(PROTOCOL);
@@ -387,6 +392,12 @@ int main(int argc, char** argv)
         TEAdapterManager::Instance()->RegisterProtocolAdapter(PROTOCOL, pProtocol, true) != 0)
     {
         std::fprintf(stderr, "the library does not start\n");
+        return 1;
+    }
+    if (!g_Options.strCaFile.empty() &&
+        g_SslOption.set_authorities(g_Options.strCaFile.c_str(), nullptr) != 0)
+    {
+        std::fprintf(stderr, "%s: no authority\n", g_Options.strCaFile.c_str());
         return 1;
     }
     Translator translator(pProtocol);
