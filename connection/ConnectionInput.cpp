@@ -108,7 +108,7 @@ int TarnConnectorImpl::RecvData(char* pBuf, int iLength)
     return -1;
 }
 
-/// Receives up to AHEAD_BYTES with one call of the system, gives out iLength of them, and keeps the rest for the next receives of
+/// Receives up to AHEAD_BYTES with one ReceiveOnce, gives out iLength of them, and keeps the rest for the next receives of
 /// the same opening. Only in handler calls, and only with AUTO_CONNECT: there a break closes the descriptor, and what came
 /// behind refused bytes is lost with it as it should be; a descriptor of the caller's keeps it for him. @return as ReceiveOnce
 int TarnConnectorImpl::ReceiveAhead(char* pBuf, int iLength, int& iError)

@@ -244,7 +244,9 @@ protected:
     /// Has the reactor announce that the socket takes bytes, or not.
     void SwitchWriteEvents(bool bOn) TARN_EXCLUDES(m_DescriptorGuard);
     /// Receives once, of the calling thread's session. @return bytes, 0 at the end, or -1 with the error
-    int ReceiveOnce(char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
+    virtual int ReceiveOnce(char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
+    /// The same, of more that is received at once where that may be.
+    int ReceiveAhead(char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
     /// Sends until all is sent or the socket takes no more now. @return bytes sent, or -1 with the error
     int SendAll(const char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
     /// The handle for one non-blocking call; invalid when the calling thread's handler call belongs to an
@@ -293,7 +295,6 @@ private:
     int TryRead();
     int TryWrite();
     int BoundRepeats(int iResult);
-    int ReceiveAhead(char* pBuf, int iLength, int& iError) TARN_EXCLUDES(m_DescriptorGuard);
     int ReadBuffered();
     bool IsOpenForCall() TARN_EXCLUDES(m_DescriptorGuard);
     int WriteLastTime() TARN_EXCLUDES(m_SendLock);

@@ -91,7 +91,7 @@ void* TarnTCPSSLConnectorImpl::GetSocketStream()
 
 bool TarnTCPSSLConnectorImpl::HasBufferedInput()
 {
-    return m_Stream.has_unread();
+    return TarnConnectorImpl::HasBufferedInput() || m_Stream.has_unread();
 }
 
 int TarnTCPSSLConnectorImpl::Read()
@@ -156,17 +156,8 @@ int TarnTCPSSLConnectorImpl::RecvData(char* pBuf, int iLength)
         return -1;
     }
     TarnAdapterFrmtTrace(3, "Begin recv (len=%d) data from SSL socket...\n", iLength);
-    const ACE_Time_Value timeout(60);
-    int iReceived = -1;
-    int iError = EBADF;
-    {
-        const DescriptorGuard::Use use(m_DescriptorGuard);
-        if (UsableHandle() != ACE_INVALID_HANDLE)
-        {
-            iReceived = m_Stream.recv(pBuf, static_cast<std::size_t>(iLength), &timeout);
-            iError = errno;
-        }
-    }
+    int iError = 0;
+    const int iReceived = ReceiveAhead(pBuf, iLength, iError);
     TarnAdapterFrmtTrace(3, "Finish recv (ret=%d) data from SSL socket...\n", iReceived);
     if (iReceived > 0)
         return iReceived;
@@ -179,4 +170,16 @@ int TarnTCPSSLConnectorImpl::RecvData(char* pBuf, int iLength)
                              GetGroupID(), GetTargetID());
     errno = iError;
     return -1;
+}
+
+int TarnTCPSSLConnectorImpl::ReceiveOnce(char* pBuf, int iLength, int& iError)
+{
+    const ACE_Time_Value timeout(60);
+    iError = EBADF;
+    const DescriptorGuard::Use use(m_DescriptorGuard);
+    if (UsableHandle() == ACE_INVALID_HANDLE)
+        return -1;
+    const int iReceived = m_Stream.recv(pBuf, static_cast<std::size_t>(iLength), &timeout);
+    iError = errno;
+    return iReceived;
 }

@@ -26,6 +26,7 @@ public:
     bool HasBufferedInput() override;
 
 private:
+    int ReceiveOnce(char* pBuf, int iLength, int& iError) override TARN_EXCLUDES(m_DescriptorGuard);
     int OpenStream(const ACE_INET_Addr& remoteAddress, const ACE_Time_Value& timeout) override
         TARN_REQUIRES(m_OpenMutex);
     int CloseStream() override TARN_REQUIRES(m_OpenMutex);

@@ -2,8 +2,10 @@
 #include "support/ConnectionTest.h"
 #include "support/Relay.h"
 #include "support/Tunnel.h"
+#include "tls/SealingPeer.h"
 #include "tls/TlsServer.h"
 
+#include <cstdlib>
 #include <mutex>
 
 namespace {
@@ -35,6 +37,16 @@ protected:
         return WaitUntil([&] {
             const std::lock_guard<std::mutex> guard(m_Mutex);
             return std::find(m_Received.begin(), m_Received.end(), strPayload) != m_Received.end();
+        });
+    }
+    /// So many, which begin with their numbers from 1 on.
+    bool HasReceived(int nFrames)
+    {
+        return WaitUntil([&] {
+            const std::lock_guard<std::mutex> guard(m_Mutex);
+            for (std::size_t u = 0; u < m_Received.size(); ++u)
+                EXPECT_EQ(std::atoi(m_Received[u].c_str()), static_cast<int>(u + 1));
+            return static_cast<int>(m_Received.size()) == nFrames;
         });
     }
     bool Open(std::uint16_t usPort)
@@ -193,6 +205,43 @@ TEST_F(TlsConnections, TheEndIsSeenBehindTheLastBytes)
     server.process.Write(Element::Frame(0, "last words"));
     EXPECT_TRUE(HasReceived("last words"));
     server.process.Write("q\n");
+    EXPECT_TRUE(WaitUntil([&] { return connector.nBroken == 1; }));
+}
+
+TEST_F(TlsConnections, WhatComesTogetherIsFramedToTheLastByteAndTheEnd)
+{
+    constexpr std::size_t FRAME_HEAD = 8;
+    SealingPeer peer(authority.Issue({}));
+    ASSERT_TRUE(Open(peer.Port()));
+    std::string strSealed;
+    int nFrames = 0;
+    const auto frame = [&](std::size_t uSize) {
+        std::string strPayload = std::to_string(++nFrames);
+        strPayload.resize(std::max(strPayload.size(), uSize - FRAME_HEAD), '.');
+        return Element::Frame(0, strPayload);
+    };
+    const auto seal = [&](const std::string& strStream, std::size_t uRecord) {
+        for (std::size_t uAt = 0; uAt < strStream.size(); uAt += uRecord)
+            strSealed += peer.Seal(strStream.substr(uAt, uRecord));
+    };
+    // Each is followed by nothing that would be announced, until it has been framed.
+    for (const std::size_t uRecord : {10'000U, 16384U, 1024U, 72U, 1000U})
+    {
+        std::string strStream;
+        while (strStream.size() < 20'000)
+            strStream += frame(1000);
+        seal(strStream, uRecord);
+        peer.Send(strSealed);
+        strSealed.clear();
+        EXPECT_TRUE(HasReceived(nFrames)) << uRecord;
+    }
+    for (std::size_t uSize = 10; uSize < 300; ++uSize)
+        seal(frame(uSize), uSize);
+    for (const std::size_t uSize : {1024U, 16384U, 16383U, 40'000U, 1024U})
+        seal(frame(uSize), 5000);
+    strSealed += peer.SealEnd();
+    peer.Send(strSealed);
+    EXPECT_TRUE(HasReceived(nFrames));
     EXPECT_TRUE(WaitUntil([&] { return connector.nBroken == 1; }));
 }
 
