@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -26,6 +27,12 @@ constexpr std::size_t MAX_UNSENT_BYTES = 65536;
 // What one step reads at most. OpenSSL itself goes on for as long as there is something that is no data, such as key
 // updates or requests to begin anew, and a peer may send those without end.
 constexpr std::size_t MAX_STEP_BYTES = 65536;
+
+// What is received at once when OpenSSL asks for the head of a record: small ones mostly come together. A greater one gains
+// nothing by it, and is taken not to be alone.
+constexpr std::size_t AHEAD_BYTES = 8192;
+constexpr std::size_t RECORD_HEAD_BYTES = 5;
+constexpr std::size_t MAX_SEALED_BYTES = RECORD_BYTES + 2048; // see RFC 5246 (6.2.3)
 
 TlsConnection::Deadline Sooner(const TlsConnection::Deadline& deadline, std::chrono::milliseconds slice)
 {
@@ -119,17 +126,20 @@ int TlsConnection::OnRead(BIO* pBio, char* pData, std::size_t uLength, std::size
 {
     auto& connection = *static_cast<TlsConnection*>(BIO_get_data(pBio));
     BIO_clear_retry_flags(pBio);
-    *puRead = 0;
+    if (uLength > RECORD_HEAD_BYTES)
+        connection.m_bGreatRecord = uLength > AHEAD_BYTES;
+    *puRead = connection.TakeAhead(pData, uLength);
+    if (*puRead > 0)
+        return 1;
     if (connection.m_uMayRead == 0)
     {
-        BIO_set_retry_read(pBio); // the socket is still readable, so it goes on soon
+        BIO_set_retry_read(pBio); // what the socket still has, or gets, is announced
         return 0;
     }
-    const int iReceived = connection.ReceivePlain(pData, std::min(uLength, connection.m_uMayRead));
+    const int iReceived = connection.ReceiveForSsl(pData, uLength);
     if (iReceived > 0)
     {
         *puRead = static_cast<std::size_t>(iReceived);
-        connection.m_uMayRead -= *puRead;
         return 1;
     }
     if (iReceived == 0)
@@ -139,6 +149,61 @@ int TlsConnection::OnRead(BIO* pBio, char* pData, std::size_t uLength, std::size
     else
         connection.m_iSocketError = errno;
     return 0;
+}
+
+/// Receives what OpenSSL has asked for, and with the head of a record what follows it. @return as ReceivePlain
+int TlsConnection::ReceiveForSsl(char* pData, std::size_t uLength)
+{
+    std::unique_ptr<char[]> pAhead;
+    if (m_bReadsAhead && !m_bGreatRecord && uLength <= RECORD_HEAD_BYTES)
+        pAhead.reset(new (std::nothrow) char[AHEAD_BYTES]);
+    const std::size_t uWanted = std::min(pAhead != nullptr ? AHEAD_BYTES : uLength, m_uMayRead);
+    const int iReceived = ReceivePlain(pAhead != nullptr ? pAhead.get() : pData, uWanted);
+    const int iError = errno;
+    const auto uReceived = static_cast<std::size_t>(std::max(iReceived, 0));
+    // A socket that has given less than was wanted has no more.
+    m_uMayRead = uReceived < uWanted ? 0 : m_uMayRead - uReceived;
+    if (pAhead == nullptr || uReceived == 0)
+    {
+        pAhead.reset();
+        errno = iError;
+        return iReceived;
+    }
+    m_pAhead = std::move(pAhead);
+    m_uAheadAt = 0;
+    m_uAheadEnd = uReceived;
+    return static_cast<int>(TakeAhead(pData, uLength));
+}
+
+/// @return bytes given out of what was received ahead, which may be none
+std::size_t TlsConnection::TakeAhead(char* pData, std::size_t uLength)
+{
+    if (m_pAhead == nullptr)
+        return 0;
+    const std::size_t uTaken = std::min(uLength, m_uAheadEnd - m_uAheadAt);
+    std::copy_n(m_pAhead.get() + m_uAheadAt, uTaken, pData);
+    m_uAheadAt += uTaken;
+    if (m_uAheadAt == m_uAheadEnd)
+        m_pAhead.reset(); // idle connections keep no room
+    return uTaken;
+}
+
+/// Whether OpenSSL, or what is kept for it, holds something that no descriptor announces.
+bool TlsConnection::HoldsRest() const
+{
+    return SSL_pending(m_pSsl.get()) > 0 || HoldsRecord();
+}
+
+/// Whether OpenSSL can go on with what was received ahead. It has asked for whole records so far, so that begins with the head
+/// of one, or with something that OpenSSL refuses at once.
+bool TlsConnection::HoldsRecord() const
+{
+    if (m_pAhead == nullptr || m_uAheadEnd - m_uAheadAt < RECORD_HEAD_BYTES)
+        return false;
+    const auto* pHead = reinterpret_cast<const unsigned char*>(m_pAhead.get() + m_uAheadAt);
+    const std::size_t uLength = pHead[3] * 256U + pHead[4];
+    return pHead[1] != SSL3_VERSION_MAJOR || uLength > MAX_SEALED_BYTES ||
+           m_uAheadEnd - m_uAheadAt >= RECORD_HEAD_BYTES + uLength;
 }
 
 long TlsConnection::OnControl(BIO* pBio, int iCommand, long /*lArgument*/, void* /*pArgument*/)
@@ -154,6 +219,7 @@ void TlsConnection::BeginStep()
     ERR_clear_error();
     m_iSocketError = 0;
     m_uMayRead = MAX_STEP_BYTES;
+    m_bReadsAhead = false;
 }
 
 /// Hands the socket what it has not taken yet. @return true when nothing is left
@@ -232,11 +298,13 @@ int TlsConnection::ReceivePlain(char* pData, std::size_t uLength)
 int TlsConnection::ReceiveTls(char* pData, std::size_t uLength)
 {
     BeginStep();
+    m_bReadsAhead = true;
     std::size_t uReceived = 0;
-    // What is left of a record is taken by itself: with a next one behind it there would be a rest again and again, which
-    // no descriptor announces, and a peer that never pauses would have the calling thread for ever.
-    const bool bRest = SSL_pending(m_pSsl.get()) > 0;
-    while (uReceived < uLength && !m_bEnded && !(bRest && uReceived > 0 && SSL_pending(m_pSsl.get()) == 0))
+    // What is left of records is taken by itself: with more from the socket there would be a rest again and again, which no
+    // descriptor announces, and a peer that never pauses would have the calling thread for ever.
+    if (HoldsRest())
+        m_uMayRead = 0;
+    while (uReceived < uLength && !m_bEnded)
     {
         std::size_t uNow = 0;
         const int iResult = SSL_read_ex(m_pSsl.get(), pData + uReceived, uLength - uReceived, &uNow);
@@ -291,7 +359,6 @@ int TlsConnection::Send(const char* pData, std::size_t uLength, const Deadline& 
 {
     uLength = std::min<std::size_t>(uLength, std::numeric_limits<int>::max());
     uSent = 0;
-    const bool bNonBlocking = IsNonBlocking();
     for (;;)
     {
         bool bForInput = false;
@@ -303,12 +370,15 @@ int TlsConnection::Send(const char* pData, std::size_t uLength, const Deadline& 
             m_iSocketError = m_iEndError;
             uSent += m_iEndError != 0 ? 0 : SendNow(pData + uSent, uLength - uSent);
             const int iFailed = m_iSocketError != 0 ? m_iSocketError : m_iEndError;
+            if (iFailed == 0 && uSent == uLength && m_strUnsent.empty())
+                break;
+            const bool bNonBlocking = IsNonBlocking();
             if (iFailed != 0 && (uSent == 0 || !bNonBlocking))
             {
                 errno = iFailed;
                 return -1;
             }
-            if (bNonBlocking || (uSent == uLength && m_strUnsent.empty()))
+            if (bNonBlocking)
                 break;
             bForInput = m_bSendAwaitsInput;
         }
@@ -384,7 +454,7 @@ std::size_t TlsConnection::SendNow(const char* pData, std::size_t uLength)
 bool TlsConnection::HasUnread()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_pSsl != nullptr && !m_bClosed && (m_bEnded || SSL_pending(m_pSsl.get()) > 0);
+    return m_pSsl != nullptr && !m_bClosed && (m_bEnded || HoldsRest());
 }
 
 bool TlsConnection::HasUnsent()

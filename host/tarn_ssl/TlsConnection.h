@@ -95,6 +95,10 @@ private:
     void BeginStep();
     bool SendUnsent();
     ssize_t SendToSocket(const char* pData, std::size_t uLength);
+    int ReceiveForSsl(char* pData, std::size_t uLength);
+    std::size_t TakeAhead(char* pData, std::size_t uLength);
+    bool HoldsRest() const;
+    bool HoldsRecord() const;
     void NoteEnd(int iSslError);
     void End(int iError);
     int AfterStep(int iResult);
@@ -122,8 +126,13 @@ private:
     std::string m_strUnsent;                  // what the socket has not taken
     std::size_t m_uUnsentAt = 0;              // how much of it has been sent
     bool m_bPeerHasClosed = false;            // the socket has delivered its end
+    std::unique_ptr<char[]> m_pAhead;         // received before OpenSSL asked for it; null: nothing
+    std::size_t m_uAheadAt = 0;               // how much of it OpenSSL has got
+    std::size_t m_uAheadEnd = 0;              // how much there was
     int m_iSocketError = 0;                   // of a call on the socket in this step
-    std::size_t m_uMayRead = 0;               // bytes, in this step
+    std::size_t m_uMayRead = 0;               // bytes from the socket, in this step
+    bool m_bReadsAhead = false;               // in this step
+    bool m_bGreatRecord = false;              // the last one was
     bool m_bEnded = false;                    // nothing is received any more
     int m_iEndError = 0;                      // why; 0: closed by the peer
     bool m_bCertificateAsked = false;         // by the peer, for this side's

@@ -1,5 +1,6 @@
 #include "support/Listener.h"
 #include "tarnadapterframe/tarn_ssl.h"
+#include "tls/SealingPeer.h"
 #include "tls/TlsServer.h"
 
 #include <ace/INET_Addr.h>
@@ -7,6 +8,7 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -54,6 +56,27 @@ protected:
             strReceived.append(bytes, static_cast<std::size_t>(iReceived));
         }
         return strReceived;
+    }
+
+    bool IsAnnounced() const
+    {
+        pollfd ready = {stream.get_handle(), POLLIN, 0};
+        return poll(&ready, 1, 0) == 1;
+    }
+    /// Receives as who waits for the handle does: while it is announced, or the stream says that it has more.
+    void ReceiveAnnounced(std::size_t uBuffer, std::string& strReceived) const
+    {
+        std::string strBuffer(uBuffer, ' ');
+        for (bool bUnread = false; (bUnread = stream.has_unread()) || IsAnnounced();)
+        {
+            const int iReceived = stream.recv(strBuffer.data(), strBuffer.size());
+            const int iError = errno;
+            EXPECT_TRUE(iReceived >= 0 || (!bUnread && iReceived == -1 && iError == EWOULDBLOCK))
+                << bUnread << " " << iReceived << " " << iError;
+            if (iReceived == 0 || (iReceived < 0 && iError != EWOULDBLOCK))
+                return;
+            strReceived.append(strBuffer, 0, static_cast<std::size_t>(std::max(iReceived, 0)));
+        }
     }
 
     bool IsLogged(const std::string& strText) const { return host.CountContaining(1, strText) == 1; }
@@ -319,6 +342,103 @@ TEST_F(Tls, WhoReadsABacklogIsFreeBetweenRecords)
         nFree += stream.has_unread() ? 0 : 1;
     }
     EXPECT_GE(nFree, static_cast<int>(RECORDS));
+}
+
+TEST_F(Tls, RecordsThatComeTogetherAreReadWithoutAnAnnouncementForEach)
+{
+    constexpr std::size_t SIZES[] = {72, 72, 72, 1, 1024, 16384, 8192, 500, 8000, 72, 16000, 72, 72, 72, 5};
+    // Of the last record with its 5 bytes, 27 or 34 when it is sealed, or of the two last ones; most within its head.
+    constexpr std::size_t MISSING[] = {0, 1, 22, 23, 26, 27, 29, 30, 33, 34, 60};
+    for (const int iVersion : {TLS1_3_VERSION, TLS1_2_VERSION})
+        for (const std::size_t uBuffer : {72U, 1000U, 1024U, 8192U, 16384U, 100'000U})
+        {
+            SealingPeer peer(issued, iVersion);
+            ASSERT_EQ(Connect(peer.Port()), 0) << Log();
+            SetNonBlocking();
+            std::string strSent;
+            std::string strReceived;
+            const auto expectReceived = [&](std::size_t uBytes) {
+                EXPECT_TRUE(WaitUntil([&] {
+                    ReceiveAnnounced(uBuffer, strReceived);
+                    return strReceived.size() >= uBytes;
+                })) << iVersion
+                    << ", by " << uBuffer << ": " << strReceived.size() << " of " << uBytes;
+                EXPECT_EQ(strReceived.size(), uBytes);
+            };
+            for (const std::size_t uMissing : MISSING)
+            {
+                std::string strSealed;
+                std::vector<std::pair<std::size_t, std::size_t>> ends; // sealed, and of the text
+                for (const std::size_t uSize : SIZES)
+                {
+                    const std::string strText(uSize, static_cast<char>('a' + ends.size()));
+                    strSealed += peer.Seal(strText);
+                    strSent += strText;
+                    ends.emplace_back(strSealed.size(), strSent.size());
+                }
+                const std::size_t uNow = strSealed.size() - uMissing;
+                std::size_t uWhole = 0;
+                for (const auto& [uSealedEnd, uTextEnd] : ends)
+                    uWhole = uSealedEnd <= uNow ? uTextEnd : uWhole;
+                peer.Send(strSealed.substr(0, uNow));
+                expectReceived(uWhole);
+                peer.Send(strSealed.substr(uNow));
+                expectReceived(strSent.size());
+                ASSERT_TRUE(strReceived == strSent);
+            }
+            const std::string strLast = peer.Seal("last");
+            peer.Send(strLast + peer.SealEnd());
+            expectReceived(strSent.size() + 4);
+            EXPECT_TRUE(WaitUntil([&] { return stream.recv(strReceived.data(), 1) == 0; }));
+        }
+}
+
+TEST_F(Tls, WhoReadsManyRecordsThatComeTogetherIsFreeInBetween)
+{
+    constexpr std::size_t RECORDS = 1000;
+    constexpr std::size_t RECORD = 72;
+    constexpr std::size_t AT_ONCE = 16384; // what may be held back from the handle, and more
+    SealingPeer peer(issued);
+    ASSERT_EQ(Connect(peer.Port()), 0) << Log();
+    SetNonBlocking();
+    std::string strSealed;
+    for (std::size_t u = 0; u < RECORDS; ++u)
+        strSealed += peer.Seal(std::string(RECORD, 'x'));
+    peer.Send(strSealed);
+    char bytes[1024];
+    std::size_t uReceived = 0;
+    std::size_t uSinceFree = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        const int iReceived = stream.recv(bytes, sizeof(bytes));
+        uReceived += static_cast<std::size_t>(std::max(iReceived, 0));
+        uSinceFree = stream.has_unread() ? uSinceFree + static_cast<std::size_t>(std::max(iReceived, 0)) : 0;
+        EXPECT_LE(uSinceFree, AT_ONCE);
+        return uReceived == RECORDS * RECORD;
+    }));
+}
+
+TEST_F(Tls, WhatIsNoTlsIsSeenBehindAFullBuffer)
+{
+    for (const char* pszBehind : {"HTTP/1.1 400 Bad Request\r\n", "\x17\x03\x03\xff\xff"})
+    {
+        SealingPeer peer(issued);
+        ASSERT_EQ(Connect(peer.Port()), 0) << Log();
+        SetNonBlocking();
+        host.ClearLines();
+        peer.Send(peer.Seal(std::string(1024, 'x')) + pszBehind);
+        std::string strReceived;
+        EXPECT_TRUE(WaitUntil([&] {
+            std::string strBuffer(1024, ' ');
+            strReceived.append(strBuffer, 0,
+                               static_cast<std::size_t>(std::max(0, stream.recv(strBuffer.data(), 1024))));
+            return strReceived.size() == 1024;
+        }));
+        EXPECT_TRUE(stream.has_unread() || IsAnnounced());
+        char cNext = 0;
+        EXPECT_EQ(stream.recv(&cNext, 1), -1);
+        EXPECT_EQ(errno, EPROTO);
+        EXPECT_EQ(host.CountContaining(1, " broken: "), 1) << Log();
+    }
 }
 
 TEST_F(Tls, SessionsAreTakenUpAsTheServerSees)
