@@ -4,11 +4,10 @@
 /// @file
 /// What the benchmarks of whole requests share.
 
+#include "ProcessFigures.h"
 #include "support/RoadAdapter.h"
 
 #include <tarnadapterframe/tarn_ssl.h>
-
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -23,6 +22,21 @@
 
 using Clock = std::chrono::steady_clock;
 
+/// Gives a connector its key and its address, a port of 127.0.0.1.
+/// @param pOption  of one over TLS
+inline void PrepareConnector(TarnConnector& connector, int iTarget, std::uint16_t usPort,
+                             TARN_SSL_Option* pOption = nullptr)
+{
+    std::uint32_t ulIP = 0x7F000001;
+    std::vector<void*> parameters = {&ulIP, &usPort};
+    if (pOption != nullptr)
+        parameters.push_back(pOption);
+    connector.SetGroupID(ROAD_GROUP);
+    connector.SetTargetID(static_cast<unsigned long>(iTarget));
+    connector.SetAdapterProtocolID(ROAD_PROTOCOL);
+    connector.InitCommuPara(parameters);
+}
+
 /// A connector that is registered as long as it lives.
 class Connector : public TarnConnector
 {
@@ -33,31 +47,12 @@ public:
     Connector(int iTarget, std::uint16_t usPort, TARN_SSL_Option* pOption = nullptr)
         : TarnConnector(pOption == nullptr ? TCP_TYPE : TCP_SSL_TYPE)
     {
-        std::uint32_t ulIP = 0x7F000001;
-        std::vector<void*> parameters = {&ulIP, &usPort};
-        if (pOption != nullptr)
-            parameters.push_back(pOption);
-        SetGroupID(ROAD_GROUP);
-        SetTargetID(static_cast<unsigned long>(iTarget));
-        SetAdapterProtocolID(ROAD_PROTOCOL);
-        InitCommuPara(parameters);
+        PrepareConnector(*this, iTarget, usPort, pOption);
         TarnConnectorMgr::Instance()->RegisterConnector(this, false, 0);
     }
     ~Connector() override { TarnConnectorMgr::Instance()->UnRegisterConnector(ROAD_GROUP, GetTargetID()); }
     int OnConnectOK() override { return ++s_nOpen; }
 };
-
-inline double Seconds(const timeval& time)
-{
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-}
-
-inline double ProcessorSeconds()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
-}
 
 class Latencies
 {
@@ -154,7 +149,9 @@ inline void AskAsynchronously(int nMost, int nNes, const std::string& strText, L
 class Road
 {
 public:
-    Road()
+    /// @param pProtocol  the library deletes it
+    explicit Road(RoadProtocol* pProtocol = new RoadProtocol)
+        : m_pProtocol(pProtocol)
     {
         Question::s_Adapters = {&m_MessageAdapter};
         if (tarnadapter::Init() != 0 ||
@@ -166,7 +163,7 @@ public:
     Road& operator=(const Road&) = delete;
 
 private:
-    RoadProtocol* const m_pProtocol = new RoadProtocol; // the library deletes it
+    RoadProtocol* const m_pProtocol;
     RoadMessageAdapter m_MessageAdapter{m_pProtocol};
 };
 

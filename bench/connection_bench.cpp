@@ -2,6 +2,7 @@
 // that does the same work without the framework. The element is a process of its own, on 127.0.0.1.
 //
 //   connection_bench [connections at rest, 900 unless given] [seconds for each figure, 2]
+#include "ProcessFigures.h"
 #include "QuietHost.h"
 #include "support/Element.h"
 
@@ -11,7 +12,6 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -166,37 +165,13 @@ Connectors Open(int nConnections, std::uint16_t usPort, int nQuestions)
     return connectors;
 }
 
-double ProcessorSeconds()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-    };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-/// A number of /proc/self/status, in kB or a plain count.
-long Status(const std::string& strField)
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string strName; status >> strName;)
-    {
-        long nValue = 0;
-        if (strName == strField + ":" && status >> nValue)
-            return nValue;
-        std::getline(status, strName);
-    }
-    return 0;
-}
-
 void AtRest(int nConnections, std::uint16_t usPort, double seconds)
 {
-    const long nBefore = Status("VmRSS");
+    const long nBefore = ProcessStatus("VmRSS");
     const auto tOpen = Clock::now();
     const Connectors connectors = Open(nConnections, usPort, 0);
     const std::chrono::duration<double> opened = Clock::now() - tOpen;
-    const long nAfter = Status("VmRSS");
+    const long nAfter = ProcessStatus("VmRSS");
     // What opening leaves behind has ended: the first calls of the handlers, and connect threads that find no work.
     std::this_thread::sleep_for(std::chrono::seconds(20));
     const double processorBefore = ProcessorSeconds();
@@ -205,7 +180,7 @@ void AtRest(int nConnections, std::uint16_t usPort, double seconds)
     std::printf(
         "at rest: %d connections open after %.2f s, %.1f kB each, %.2f %% of a processor, %ld threads\n",
         nConnections, opened.count(), static_cast<double>(nAfter - nBefore) / nConnections,
-        100 * processor / seconds, Status("Threads"));
+        100 * processor / seconds, ProcessStatus("Threads"));
 }
 
 struct Rate
