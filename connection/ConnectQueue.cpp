@@ -8,59 +8,6 @@
 
 #include <cerrno>
 
-namespace {
-
-bool IsBusy(CConnectorImplInfo& info)
-{
-    const TarnReadGuard guard(info.lock);
-    return info.bBusy;
-}
-
-/// The record that a connect thread is going to take, while the queue is looked through: a first request at
-/// once, else the retry that has waited longest.
-class Candidate
-{
-public:
-    /// @return true when the search is over
-    bool Consider(const ConnectTargetKey& key, CConnectorImplInfo& info)
-    {
-        const TarnWriteGuard guard(info.lock);
-        if (info.bBusy)
-            return false;
-        ++m_nFree;
-        if (info.bReconnect && m_pInfo != nullptr && !(info.time < m_Time))
-            return false;
-        info.bBusy = true;
-        if (m_pInfo != nullptr)
-            GiveBack();
-        m_Key = key;
-        m_pInfo = &info;
-        m_Time = info.time;
-        return !info.bReconnect;
-    }
-
-    const ConnectTargetKey& Key() const { return m_Key; }
-    CConnectorImplInfo* Info() const { return m_pInfo; }
-    /// Records seen that another thread could take.
-    bool HasSeenOthers() const { return m_nFree > 1; }
-
-private:
-    void GiveBack()
-    {
-        const TarnWriteGuard guard(m_pInfo->lock);
-        if (!m_pInfo->bBusy)
-            TarnAdapterFrmtTrace(1, "getConnectTarget inner err\n");
-        m_pInfo->bBusy = false;
-    }
-
-    ConnectTargetKey m_Key{{-1, 0}, nullptr};
-    CConnectorImplInfo* m_pInfo = nullptr;
-    ACE_Time_Value m_Time;
-    int m_nFree = 0;
-};
-
-} // namespace
-
 /// @return 0 queued; 1 queued already, or not disconnected any more; -1 null, or no memory
 int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnectorImplInfo* pInfo)
 {
@@ -72,11 +19,17 @@ int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnect
     }
     UseConnectorImplAndIncRef(pInfo->pConnector);
     const int iResult = WithMemory("putConnectTarget", -1, [&] {
+        SETFREETARGET entry;
+        {
+            const TarnReadGuard guard(pInfo->lock);
+            entry.insert(pInfo->AsFree(key));
+        }
         const TarnGuard guard(*m_pConnectQuequeMutex);
         // It may have been queued, and opened, since the caller looked.
         if (pInfo->pConnector->GetState() != STATE_DISCONNECTED ||
             !m_pConnectQueque->emplace(key, pInfo).second)
             return 1;
+        m_FreeTargets.merge(entry);
         pInfo->pConnector->SetState(STATE_CONNECTING);
         return 0;
     });
@@ -116,31 +69,34 @@ int TarnConnectorMgrImpl::getConnectTarget(ConnectTargetKey& key, CConnectorImpl
     pInfo = nullptr;
     if (IsQueueEmpty() && !WaitForWork(deadline))
         return -1;
-    Candidate candidate;
-    bool bOthersLeft = false;
-    {
-        const TarnGuard guard(*m_pConnectQuequeMutex);
-        for (auto it = m_pConnectQueque->begin(); it != m_pConnectQueque->end();)
-        {
-            const auto itThis = it++;
-            if (itThis->second == nullptr)
-            {
-                TarnAdapterFrmtTrace(1, "get NULL CConnectorImplInfo in the map\n");
-                m_pConnectQueque->erase(itThis);
-            }
-            else if (candidate.Consider(itThis->first, *itThis->second))
-            {
-                bOthersLeft = it != m_pConnectQueque->end();
-                break;
-            }
-        }
-    }
-    key = candidate.Key();
-    pInfo = candidate.Info();
     // One signal wakes one thread, and it may have been for one of those that are left.
-    if (pInfo != nullptr && (bOthersLeft || candidate.HasSeenOthers()))
+    if (TakeFree(key, pInfo))
         SignalWork();
     return pInfo != nullptr ? 0 : -1;
+}
+
+/// Takes the next free record, which is busy then; null when there is none. @return whether others are left
+bool TarnConnectorMgrImpl::TakeFree(ConnectTargetKey& key, CConnectorImplInfo*& pInfo)
+{
+    const TarnGuard guard(*m_pConnectQuequeMutex);
+    while (pInfo == nullptr && !m_FreeTargets.empty())
+    {
+        auto entry = m_FreeTargets.extract(m_FreeTargets.begin());
+        key = entry.value().key;
+        pInfo = entry.value().pInfo;
+        if (pInfo == nullptr)
+        {
+            TarnAdapterFrmtTrace(1, "get NULL CConnectorImplInfo in the map\n");
+            m_pConnectQueque->erase(key);
+            continue;
+        }
+        const TarnWriteGuard recordGuard(pInfo->lock);
+        if (pInfo->bBusy)
+            TarnAdapterFrmtTrace(1, "getConnectTarget inner err\n");
+        pInfo->bBusy = true;
+        pInfo->freeEntry = std::move(entry);
+    }
+    return !m_FreeTargets.empty();
 }
 
 int TarnConnectorMgrImpl::eraseConnectTarget(const ConnectTargetKey& key)
@@ -169,10 +125,15 @@ int TarnConnectorMgrImpl::clearConnectQueue()
     for (auto it = m_pConnectQueque->begin(); it != m_pConnectQueque->end();)
     {
         CConnectorImplInfo* pInfo = it->second;
-        if (pInfo != nullptr && IsBusy(*pInfo))
+        if (pInfo != nullptr)
         {
-            ++it; // the threads have been resumed meanwhile, and one of them holds it
-            continue;
+            const TarnReadGuard recordGuard(pInfo->lock);
+            if (pInfo->bBusy)
+            {
+                ++it; // the threads have been resumed meanwhile, and one of them holds it
+                continue;
+            }
+            m_FreeTargets.erase(pInfo->AsFree(it->first));
         }
         if (pInfo != nullptr && pInfo->pConnector != nullptr)
         {
@@ -193,12 +154,6 @@ bool TarnConnectorMgrImpl::IsQueueEmpty()
 
 int TarnConnectorMgrImpl::FreeRecords()
 {
-    int nFree = 0;
     const TarnGuard guard(*m_pConnectQuequeMutex);
-    for (const auto& [key, pInfo] : *m_pConnectQueque)
-    {
-        if (pInfo != nullptr && !IsBusy(*pInfo))
-            ++nFree;
-    }
-    return nFree;
+    return static_cast<int>(m_FreeTargets.size());
 }

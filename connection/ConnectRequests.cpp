@@ -317,6 +317,7 @@ int TarnConnectorMgrImpl::CancelRequestConnect(TarnConnectorImpl* pConnector)
                              "TarnConnectorMgrImpl::CancelRequestConnect delete connector from connectqueue, "
                              "groupID=%d, targetID=%d\n",
                              iGroupId, iTargetID);
+        m_FreeTargets.erase(it->second->AsFree(it->first));
         it->second->bBusy = true;
         pRemoved.reset(it->second);
         m_pConnectQueque->erase(it);

@@ -152,12 +152,16 @@ bool TarnConnectorMgrImpl::PauseUntilDue(CConnectorImplInfo& info, std::uint64_t
 
 void TarnConnectorMgrImpl::ReleaseRecord(CConnectorImplInfo& info, bool bTriedNow)
 {
+    const TarnGuard queueGuard(*m_pConnectQuequeMutex);
     const TarnWriteGuard guard(info.lock);
     info.bBusy = false;
-    if (!bTriedNow)
-        return;
-    info.time = ACE_OS::gettimeofday();
-    info.bReconnect = true;
+    if (bTriedNow)
+    {
+        info.time = ACE_OS::gettimeofday();
+        info.bReconnect = true;
+        info.freeEntry.value() = info.AsFree(info.freeEntry.value().key);
+    }
+    m_FreeTargets.insert(std::move(info.freeEntry));
 }
 
 /// Takes the record that this thread holds out of the queue and deletes it.

@@ -156,6 +156,7 @@ private:
     int clearConnectQueue();
     bool IsQueueEmpty();
     int FreeRecords(); // that a connect thread may take
+    bool TakeFree(ConnectTargetKey& key, CConnectorImplInfo*& pInfo);
     bool WaitForWork(const ACE_Time_Value& deadline);
     void SignalWork();
 
@@ -199,6 +200,7 @@ private:
     std::unique_ptr<ACE_Thread_Mutex> pMutex;
     std::unique_ptr<ACE_Condition<ACE_Thread_Mutex>> m_SyncQueEmpty; // on *pMutex
 
+    SETFREETARGET m_FreeTargets;  // the queue's records that are not busy; guarded by *m_pConnectQuequeMutex
     bool m_bQueueHasWork = false; // guarded by *pMutex
     EventCount m_Work;            // a record was queued, or the threads are to end
     EventCount m_RecordFreed;     // a connect thread has let go of a record
