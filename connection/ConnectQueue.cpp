@@ -18,11 +18,13 @@ int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnect
         return -1;
     }
     UseConnectorImplAndIncRef(pInfo->pConnector);
+    bool bFirst = false; // once it is queued, the record may be gone
     const int iResult = WithMemory("putConnectTarget", -1, [&] {
         SETFREETARGET entry;
         {
             const TarnReadGuard guard(pInfo->lock);
             entry.insert(pInfo->AsFree(key));
+            bFirst = !pInfo->bReconnect;
         }
         const TarnGuard guard(*m_pConnectQuequeMutex);
         // It may have been queued, and opened, since the caller looked.
@@ -40,6 +42,8 @@ int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnect
     }
     SignalWork();
     m_Work.Raise();
+    if (bFirst) // a retry is due later than those that threads pause for
+        m_PauseOver.Raise();
     return 0;
 }
 

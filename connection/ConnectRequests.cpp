@@ -10,6 +10,7 @@
 #include <ace/OS_NS_sys_time.h>
 
 #include <new>
+#include <utility>
 
 bool TarnConnectorMgrImpl::WaitConnectTarget(TarnConnectorImpl* pConnector, int nAttempts)
 {
@@ -219,6 +220,7 @@ int TarnConnectorMgrImpl::CloseWhile(TarnConnectorImpl* pConnector,
     if (TEAsyncIOMgrImpl::Existing() == nullptr)
         return -1;
     bool bGoOn = true;
+    bool bAsked = false;
     // Ends also when a later request to connect has cleared the flag.
     while (bGoOn && (pConnector->*pfnWanted)())
     {
@@ -235,6 +237,9 @@ int TarnConnectorMgrImpl::CloseWhile(TarnConnectorImpl* pConnector,
         if (!bGoOn)
             break;
         const int iCancelled = CancelRequestConnect(pConnector);
+        // Who pauses until the record is due lets go of it at once; asked more often, all would during an attempt.
+        if (iCancelled == -1 && !std::exchange(bAsked, true))
+            m_PauseOver.Raise();
         if (iCancelled == -1)
             m_RecordFreed.WaitBeyond(uFreed, RECORD_WAIT);
         bGoOn = iCancelled != -2;

@@ -91,6 +91,7 @@ void TarnConnectorMgrImpl::LeaveConnectThread()
 bool TarnConnectorMgrImpl::ConnectOnePass()
 {
     const std::uint64_t uWorkSeen = m_Work.Get();
+    const std::uint64_t uPausesSeen = m_PauseOver.Get();
     const ACE_Time_Value deadline = ACE_OS::gettimeofday() + WORK_WAIT;
     ConnectTargetKey key{};
     CConnectorImplInfo* pInfo = nullptr;
@@ -108,7 +109,7 @@ bool TarnConnectorMgrImpl::ConnectOnePass()
     {
         TarnConnectorImpl* pConnector = pInfo->pConnector;
         UseConnectorImplAndIncRef(pConnector);
-        ServeTarget(key, *pInfo, uWorkSeen);
+        ServeTarget(key, *pInfo, uPausesSeen);
         ReleaseConnectorImplDecRef(pConnector);
         m_RecordFreed.Raise();
     }
@@ -117,12 +118,12 @@ bool TarnConnectorMgrImpl::ConnectOnePass()
 
 /// Does for a record that this thread holds what is to be done now. The record may be gone afterwards.
 void TarnConnectorMgrImpl::ServeTarget(const ConnectTargetKey& key, CConnectorImplInfo& info,
-                                       std::uint64_t uWorkSeen)
+                                       std::uint64_t uPausesSeen)
 {
     TarnConnectorImpl& connector = *info.pConnector;
     if (connector.IsUnwanted() || m_bExit)
         AbandonTarget(key, info);
-    else if (PauseUntilDue(info, uWorkSeen))
+    else if (PauseUntilDue(info, uPausesSeen))
         ReleaseRecord(info, false);
     else if (connector.ConnectQueued() == 0)
         AfterSuccess(key, info);
@@ -131,7 +132,7 @@ void TarnConnectorMgrImpl::ServeTarget(const ConnectTargetKey& key, CConnectorIm
 }
 
 /// Pauses, for a bounded time, when the record's next attempt is not due yet. @return true when it was not
-bool TarnConnectorMgrImpl::PauseUntilDue(CConnectorImplInfo& info, std::uint64_t uWorkSeen)
+bool TarnConnectorMgrImpl::PauseUntilDue(CConnectorImplInfo& info, std::uint64_t uPausesSeen)
 {
     ACE_Time_Value due;
     {
@@ -146,7 +147,7 @@ bool TarnConnectorMgrImpl::PauseUntilDue(CConnectorImplInfo& info, std::uint64_t
     const ACE_Time_Value now = ACE_OS::gettimeofday();
     if (!(now < due))
         return false;
-    m_Work.WaitBeyond(uWorkSeen, std::min(PAUSE, std::chrono::milliseconds((due - now).msec() + 1)));
+    m_PauseOver.WaitBeyond(uPausesSeen, std::min(PAUSE, std::chrono::milliseconds((due - now).msec() + 1)));
     return true;
 }
 
@@ -222,6 +223,7 @@ void TarnConnectorMgrImpl::EndConnectThreads()
 {
     m_bExit = true;
     m_Work.Raise();
+    m_PauseOver.Raise();
     ACE_GUARD(ACE_Thread_Mutex, guard, *pMutex);
     m_SyncQueEmpty->broadcast();
 }

@@ -166,8 +166,8 @@ private:
     static ACE_THR_FUNC_RETURN ConnectThreadProc(void* pManager);
     void RunConnectThread();
     bool ConnectOnePass();
-    void ServeTarget(const ConnectTargetKey& key, CConnectorImplInfo& info, std::uint64_t uWorkSeen);
-    bool PauseUntilDue(CConnectorImplInfo& info, std::uint64_t uWorkSeen);
+    void ServeTarget(const ConnectTargetKey& key, CConnectorImplInfo& info, std::uint64_t uPausesSeen);
+    bool PauseUntilDue(CConnectorImplInfo& info, std::uint64_t uPausesSeen);
     void AfterSuccess(const ConnectTargetKey& key, CConnectorImplInfo& info);
     void AfterFailure(const ConnectTargetKey& key, CConnectorImplInfo& info);
     void ReleaseRecord(CConnectorImplInfo& info, bool bTriedNow);
@@ -203,7 +203,8 @@ private:
     SETFREETARGET m_FreeTargets;  // the queue's records that are not busy; guarded by *m_pConnectQuequeMutex
     bool m_bQueueHasWork = false; // guarded by *pMutex
     EventCount m_Work;            // a record was queued, or the threads are to end
-    EventCount m_RecordFreed;     // a connect thread has let go of a record
+    EventCount m_PauseOver; // a first request was queued, a record is wanted back, or the threads are to end
+    EventCount m_RecordFreed; // a connect thread has let go of a record
 };
 
 #endif

@@ -115,6 +115,38 @@ TEST_F(ConnectQueue, AnAttemptCostsTheSameHoweverManyAreQueued)
     UnRegisterAll();
 }
 
+TEST_F(ConnectQueue, WhoEndsAttemptsIsNotHeldUpByTheirPauses)
+{
+    constexpr int ROUNDS = 5;
+    host.SetCfg("nConnectSleep", "30");
+    Start();
+    const auto tBegin = std::chrono::steady_clock::now();
+    for (int i = 1; i <= ROUNDS; ++i)
+    {
+        Queue(1);
+        ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail, ") == i; }));
+        UnRegisterAll();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - tBegin, std::chrono::seconds(5));
+}
+
+TEST_F(ConnectQueue, AFirstRequestEndsThePauses)
+{
+    host.SetCfg("nConnectSleep", "30");
+    Start();
+    Queue(1);
+    ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail, ") == 1; }));
+    constexpr int FIRST = 10;
+    const auto tBegin = std::chrono::steady_clock::now();
+    for (int i = 0; i < FIRST; ++i)
+    {
+        Queue(static_cast<unsigned long>(2 + i));
+        ASSERT_TRUE(WaitUntil([&] { return host.CountContaining(1, "connect fail, ") == 2 + i; }));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - tBegin, std::chrono::seconds(5));
+    UnRegisterAll();
+}
+
 TEST_F(ConnectQueue, ARecordThatIsTakenOutIsNotTriedAnyMore)
 {
     host.SetCfg("nConnectSleep", "30");
