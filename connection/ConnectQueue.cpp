@@ -41,7 +41,7 @@ int TarnConnectorMgrImpl::putConnectTarget(const ConnectTargetKey& key, CConnect
         return iResult;
     }
     SignalWork();
-    m_Work.Raise();
+    m_Work.RaiseForOne();
     if (bFirst) // a retry is due later than those that threads pause for
         m_PauseOver.Raise();
     return 0;

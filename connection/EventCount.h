@@ -17,12 +17,20 @@ public:
         return m_uEvents;
     }
 
-    /// Announces an event.
+    /// Announces an event to all that pause.
     void Raise()
     {
         const std::lock_guard<std::mutex> guard(m_Mutex);
         ++m_uEvents;
         m_Raised.notify_all();
+    }
+
+    /// Announces an event that is for one: of those that pause already, it is told to one.
+    void RaiseForOne()
+    {
+        const std::lock_guard<std::mutex> guard(m_Mutex);
+        ++m_uEvents;
+        m_Raised.notify_one();
     }
 
     /// Waits until the count is beyond uSeen, at most for timeout.
