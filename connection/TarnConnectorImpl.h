@@ -174,8 +174,9 @@ public:
     /// True when nobody refers to the connection, neither by reference nor by pin.
     bool IsUnused();
 
-    /// The facade has let go of the connection: it is not opened, served or heard of again.
-    void Retire() { m_bRetired = true; }
+    /// The facade has let go of the connection: it is not opened, served or heard of again. @return false when it had
+    /// before
+    bool Retire() { return !m_bRetired.exchange(true); }
     bool IsRetired() const { return m_bRetired; }
     /// Its facade is being unregistered, or not registered again yet: it is not opened.
     void SetLeaving(bool bLeaving) { m_bLeaving = bLeaving; }

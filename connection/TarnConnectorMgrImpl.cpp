@@ -171,7 +171,8 @@ int TarnConnectorMgrImpl::AddRubbishTarnConnectorImpl(TarnConnectorImpl* pConnec
             1, "TarnConnectorMgrImpl::AddRubbishTarnConnectorImpl error, input para pConnectorImpl=null\n");
         return -1;
     }
-    pConnector->Retire();
+    if (!pConnector->Retire())
+        return 0; // listed already
     std::list<TarnConnectorImpl*> entry;
     if (WithMemory("AddRubbishTarnConnectorImpl", -1, [&] {
             entry.push_back(pConnector);
@@ -179,9 +180,6 @@ int TarnConnectorMgrImpl::AddRubbishTarnConnectorImpl(TarnConnectorImpl* pConnec
         }) != 0)
         return 0; // never deleted, which loses less than deleting it in use
     const TarnWriteGuard guard(m_RubbishLock);
-    for (const TarnConnectorImpl* pListed : m_lstRubbish)
-        if (pListed == pConnector)
-            return 0;
     m_lstRubbish.splice(m_lstRubbish.end(), entry);
     return 0;
 }
