@@ -42,14 +42,20 @@ struct Piece
     ACE_Allocator* pFree;
 };
 
-// The allocators are never destroyed: blocks may be released late.
+/// An allocator that needs no memory for itself and is never destroyed: blocks may be released late.
+template <class ALLOCATOR>
+ALLOCATOR& Eternal()
+{
+    alignas(ALLOCATOR) static unsigned char memory[sizeof(ALLOCATOR)];
+    static auto& allocator = *new (memory) ALLOCATOR;
+    return allocator;
+}
 
 template <std::size_t BYTES, std::size_t MAGAZINE, std::size_t DEPOT>
 Piece TakeCached()
 {
     using Pieces = PieceCache<BYTES, MAGAZINE, DEPOT>;
-    static auto& freePiece = *new FreePiece<Pieces>;
-    return {Pieces::Take(), &freePiece};
+    return {Pieces::Take(), &Eternal<FreePiece<Pieces>>()};
 }
 
 Piece TakePiece(std::size_t uBytes)
@@ -64,14 +70,13 @@ Piece TakePiece(std::size_t uBytes)
         return TakeCached<MIDDLE, 8, 16>();
     if (uBytes <= LONG)
         return TakeCached<LONG, 4, 16>();
-    static auto& freeMemory = *new FreeMemory;
-    return {::operator new(uBytes, std::nothrow), &freeMemory};
+    return {::operator new(uBytes, std::nothrow), &Eternal<FreeMemory>()};
 }
 
 /// @param uRoom  bytes behind the blocks
 ACE_Message_Block* NewBlock(const char* pBytes, std::size_t uLength, std::size_t uRoom)
 {
-    static auto& keepMemory = *new KeepMemory;
+    auto& keepMemory = Eternal<KeepMemory>();
     const Piece piece = TakePiece(sizeof(Head) + uRoom);
     if (piece.pMemory == nullptr)
         return nullptr;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <mutex>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #if defined(__has_feature)
@@ -30,10 +31,13 @@ public:
     {
 #if !defined(TARN_PLAIN_PIECES)
         Local& local = t_Local;
-        if (local.current.pFirst == nullptr)
+        if (local.current.pFirst == nullptr && !local.bEnded)
         {
             if (local.other.pFirst == nullptr)
+            {
+                GiveBackAtEnd(); // also a thread that only takes
                 local.other = TakeFull();
+            }
             std::swap(local.current, local.other);
         }
         if (Piece* pPiece = local.current.pFirst)
@@ -53,8 +57,7 @@ public:
         Local& local = t_Local;
         if (!local.bEnded)
         {
-            static thread_local const Ending ending; // gives back what the thread has at its end
-            static_cast<void>(ending);
+            GiveBackAtEnd();
             if (local.current.uPieces == MAGAZINE)
             {
                 if (local.other.pFirst != nullptr)
@@ -101,6 +104,12 @@ private:
         }
     };
 
+    static void GiveBackAtEnd()
+    {
+        static thread_local const Ending ending;
+        static_cast<void>(ending);
+    }
+
     struct Depot
     {
         std::mutex mutex; // a leaf
@@ -108,22 +117,16 @@ private:
         std::size_t uFull = 0;
     };
 
-    static Depot& TheDepot()
-    {
-        static auto& depot = *new Depot; // never destroyed: threads may outlive main
-        return depot;
-    }
-
     static Magazine TakeFull()
     {
-        Depot& depot = TheDepot();
+        Depot& depot = s_Depot;
         const std::lock_guard<std::mutex> guard(depot.mutex);
         return depot.uFull != 0 ? depot.full[--depot.uFull] : Magazine{};
     }
 
     static void GiveFull(Magazine& magazine)
     {
-        Depot& depot = TheDepot();
+        Depot& depot = s_Depot;
         {
             const std::lock_guard<std::mutex> guard(depot.mutex);
             if (depot.uFull < DEPOT)
@@ -146,6 +149,9 @@ private:
     }
 
     static inline thread_local Local t_Local;
+    // Never made and never destroyed: it needs no memory, and threads may outlive main.
+    static_assert(std::is_trivially_destructible_v<Depot>);
+    static inline Depot s_Depot;
 };
 
 #endif

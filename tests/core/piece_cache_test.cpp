@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <set>
 #include <thread>
@@ -72,6 +74,23 @@ TEST(PieceCache, ThreadsThatComeAndGoShareNoPiece)
         thread.join();
     EXPECT_EQ(torn, std::vector<int>(THREADS, 0));
 }
+
+#if !defined(TARN_PLAIN_PIECES) && !defined(__SANITIZE_THREAD__)
+TEST(PieceCache, AThreadThatOnlyTakesLeavesNothingBehind)
+{
+    constexpr std::size_t BYTES = 4096;
+    constexpr int THREADS = 500;
+    using Large = PieceCache<BYTES, 4, 8>;
+    const std::size_t uBefore = mallinfo2().uordblks;
+    for (int i = 0; i < THREADS; ++i)
+    {
+        void* pPiece = nullptr;
+        std::thread([&] { pPiece = Large::Take(); }).join();
+        Large::Give(pPiece);
+    }
+    EXPECT_LT(mallinfo2().uordblks, uBefore + THREADS * BYTES / 4);
+}
+#endif
 
 TEST(RecursiveMutex, IsFreeWhenItHasBeenReleasedAsOftenAsTaken)
 {
