@@ -161,7 +161,7 @@ bool TarnConnectorImpl::GatherOutput()
     {
         if (m_WriteBuffer.capacity() <= MAX_IDLE_CAPACITY)
             t_WriteRoom.swap(m_WriteBuffer);
-        m_WriteBuffer = {};
+        std::vector<unsigned char>().swap(m_WriteBuffer); // assigning {} would leave the room
     }
     return m_uToWrite != 0;
 }
@@ -182,7 +182,11 @@ bool TarnConnectorImpl::TakeNextBlock()
     try
     {
         if (!bInPlace && m_WriteBuffer.capacity() < m_WriteBuffer.size() + uLength)
+        {
             m_WriteBuffer.reserve(std::max(m_WriteBuffer.size() + uLength, 2 * m_WriteBuffer.capacity()));
+            // At once: when memory ends below, what has been gathered is sent all the same.
+            m_pToWrite = reinterpret_cast<const char*>(m_WriteBuffer.data());
+        }
         m_WriteBlocks.push_back(block);
     }
     catch (const std::bad_alloc&)

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <future>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <set>
@@ -91,6 +92,15 @@ public:
 
 private:
     std::string m_strRecord;
+};
+
+/// A connection whose socket takes so many bytes at once.
+class NarrowConnection : public CountingConnection
+{
+public:
+    int SendData(const char* /*pBuf*/, int iLength) override { return std::min(iLength, iWidth); }
+    std::size_t Room() const { return m_WriteBuffer.capacity(); }
+    int iWidth = 1;
 };
 
 /// A connection whose descriptor the test closes as a transport does.
@@ -646,6 +656,26 @@ TEST_F(ConnectionCore, BlocksOfAllSizesKeepTheirOrder)
         }
     EXPECT_TRUE(pair.Receive(strAll.size()) == strAll);
     EXPECT_EQ(connector.UnRegister(), 0);
+}
+
+TEST_F(ConnectionCore, WhoHasSentAllKeepsNoRoom)
+{
+    const std::string strSmall(1000, 's');
+    const std::string strLarge(1'000'000, 'l');
+    NarrowConnection first;
+    NarrowConnection second;
+    for (NarrowConnection* pEach : {&first, &second})
+    {
+        for (const std::string* pBlock : {&strSmall, &strSmall, &strLarge, &strSmall, &strSmall})
+            ASSERT_EQ(pEach->AddAndSendData(pBlock->data(), static_cast<int>(pBlock->size())), 0);
+        EXPECT_EQ(pEach->Write(), TarnConnectorImpl::MORE_LATER);
+    }
+    for (NarrowConnection* pEach : {&first, &second})
+    {
+        pEach->iWidth = std::numeric_limits<int>::max();
+        EXPECT_TRUE(WaitUntil([&] { return pEach->Write() == 0; }));
+        EXPECT_EQ(pEach->Room(), 0U);
+    }
 }
 
 TEST_F(ConnectionCore, WhatABreakCutsInTwoIsContinued)
