@@ -454,7 +454,25 @@ std::size_t TlsConnection::SendNow(const char* pData, std::size_t uLength)
 bool TlsConnection::HasUnread()
 {
     const std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_pSsl != nullptr && !m_bClosed && (m_bEnded || HoldsRest());
+    if (m_pSsl == nullptr || m_bClosed)
+        return false;
+    if (!m_bEnded && SSL_pending(m_pSsl.get()) == 0 && HoldsRecord())
+        OpenAhead();
+    return m_bEnded || SSL_pending(m_pSsl.get()) > 0;
+}
+
+/// Has OpenSSL take what was received ahead up to the first data: only so can be told whether there is any.
+void TlsConnection::OpenAhead()
+{
+    BeginStep();
+    m_uMayRead = 0;
+    char cFirst = 0;
+    const int iResult = SSL_peek(m_pSsl.get(), &cFirst, 1);
+    const int iError = SSL_get_error(m_pSsl.get(), iResult);
+    if (iResult != 1 && iError != SSL_ERROR_WANT_READ)
+        NoteEnd(iError);
+    SendUnsent();
+    m_bSendAwaitsInput = m_bSendAwaitsInput && IsNegotiating();
 }
 
 bool TlsConnection::HasUnsent()

@@ -99,6 +99,7 @@ private:
     std::size_t TakeAhead(char* pData, std::size_t uLength);
     bool HoldsRest() const;
     bool HoldsRecord() const;
+    void OpenAhead();
     void NoteEnd(int iSslError);
     void End(int iError);
     int AfterStep(int iResult);

@@ -44,6 +44,14 @@ public:
                   static_cast<int>(strText.size()));
         return TakeSealed();
     }
+    /// New keys (TLS 1.3): a record without data.
+    std::string SealKeyUpdate()
+    {
+        Accepted();
+        EXPECT_EQ(SSL_key_update(m_pSsl.get(), SSL_KEY_UPDATE_NOT_REQUESTED), 1);
+        EXPECT_EQ(SSL_do_handshake(m_pSsl.get()), 1);
+        return TakeSealed();
+    }
     /// The good-bye.
     std::string SealEnd()
     {

@@ -393,6 +393,26 @@ TEST_F(Tls, RecordsThatComeTogetherAreReadWithoutAnAnnouncementForEach)
         }
 }
 
+TEST_F(Tls, WhatIsUnreadIsDataAlsoWhenARecordWithoutFollows)
+{
+    SealingPeer peer(issued);
+    ASSERT_EQ(Connect(peer.Port()), 0) << Log();
+    SetNonBlocking();
+    const std::string strFirst = peer.Seal("first");
+    const std::string strKeys = peer.SealKeyUpdate();
+    const std::string strSecond = peer.Seal("second");
+    const std::string strMoreKeys = peer.SealKeyUpdate();
+    peer.Send(strFirst + strKeys + strSecond + strMoreKeys);
+    char bytes[16] = {};
+    ASSERT_TRUE(WaitUntil([&] { return stream.recv(bytes, 5) == 5; }));
+    EXPECT_TRUE(stream.has_unread());
+    EXPECT_EQ(stream.recv(bytes, 6), 6);
+    EXPECT_STREQ(bytes, "second");
+    EXPECT_FALSE(stream.has_unread());
+    peer.Send(peer.Seal("third"));
+    EXPECT_TRUE(WaitUntil([&] { return stream.recv(bytes, 5) == 5; }));
+}
+
 TEST_F(Tls, WhoReadsManyRecordsThatComeTogetherIsFreeInBetween)
 {
     constexpr std::size_t RECORDS = 1000;
