@@ -6,7 +6,7 @@
 ///
 /// The annotations say which lock guards a member and which function wants it held; clang checks them under
 /// -Wthread-safety (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html), other compilers see nothing.
-/// Each lock is the ACE class of which it is derived and behaves exactly like it.
+/// Each lock is the ACE class of which it is derived and, taken and released by its own operations, behaves exactly like it.
 
 #include <ace/RW_Thread_Mutex.h>
 #include <ace/Recursive_Thread_Mutex.h>
