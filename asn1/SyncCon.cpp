@@ -51,12 +51,12 @@ void SyncCon::Change(const std::function<void(SyncCon&)>& change)
     // The waiting thread, which may be done with this as soon as the mutex is released, is woken when it can have that:
     // otherwise it would mostly have to wait once more.
     ++m_nUsers;
+    const Ptr kept(this);
     {
         ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
         change(*this);
     }
     m_pCondition->signal();
-    Release();
 }
 
 SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)

@@ -201,7 +201,7 @@ void TarnAsn1Message::ReleaseAsync()
 {
     if (SafeSyncFlag() != ASYNC_MESSAGE)
         return;
-    TarnAsyncMessageReceiver::RemoveOwn(*this); // whatever the flag is when the message is destroyed
+    TarnAsyncMessageReceiver::RemoveLast(*this); // whatever the flag is when the message is destroyed
     delete this;
 }
 
@@ -238,7 +238,7 @@ int TarnAsn1Message::HandleResponse()
             TarnAsn1Message& message;
             ~End()
             {
-                TarnAsyncMessageReceiver::RemoveOwn(message);
+                TarnAsyncMessageReceiver::RemoveLast(message);
                 delete &message;
             }
         };

@@ -158,5 +158,10 @@ void TarnAsyncMessageReceiver::RemoveOwn(const TEMessage& message)
     if (it == pReceiver->m_mapCallBack.end() || it->second->GetMessage() != &message)
         return;
     pReceiver->EraseLocked(it);
+}
+
+void TarnAsyncMessageReceiver::RemoveLast(const TEMessage& message)
+{
+    RemoveOwn(message);
     message.m_bMayHaveCallBack = false;
 }

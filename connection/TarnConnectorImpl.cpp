@@ -161,6 +161,7 @@ int TarnConnectorImpl::BreakFromInput(HandlerCall& call)
 /// @param pszDisConnectText  logged before the connection is closed; may be null
 int TarnConnectorImpl::Break(HandlerCall& call, const char* pszDisConnectText)
 {
+    m_Ahead = {}; // lost with the session
     call.LeaveBuffers();
     if (ClaimBreak(call.Session(), BreakTold::YES) == BreakClaim::NOT_MINE)
         return 0; // whoever ends it unregisters it

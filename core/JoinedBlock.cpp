@@ -60,10 +60,15 @@ Piece TakeCached()
 
 Piece TakePiece(std::size_t uBytes)
 {
-    // Most messages are short; what is longer is kept by the handful.
+    // A queue may hold a million of them, so their sizes are near what is needed. What is longer is kept by the handful.
+    constexpr std::size_t TINY = 256;
     constexpr std::size_t SHORT = 512;
     constexpr std::size_t MIDDLE = 4096;
     constexpr std::size_t LONG = 17 * 1024;
+    if (uBytes <= sizeof(Head))
+        return TakeCached<sizeof(Head), 32, 64>();
+    if (uBytes <= TINY)
+        return TakeCached<TINY, 32, 64>();
     if (uBytes <= SHORT)
         return TakeCached<SHORT, 32, 64>();
     if (uBytes <= MIDDLE)

@@ -103,7 +103,7 @@ private:
 
     // A record of the correlation may name the message as its source. Set, and cleared, by the manager.
     mutable std::atomic<bool> m_bMayBeSource{false};
-    // A callback may be registered for the message. Set, and cleared, by its registry.
+    // A callback may have been registered for the message. Set, and cleared, by its registry.
     mutable std::atomic<bool> m_bMayHaveCallBack{false};
     std::atomic<int> m_nTimeOut; // read and set by several threads
 };

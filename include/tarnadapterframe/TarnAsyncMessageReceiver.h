@@ -91,6 +91,8 @@ private:
     static bool Copy(const TEMessage& message, AsynCallBack& callBack);
     /// Deletes the record that was registered for this very message, if there is one.
     static void RemoveOwn(const TEMessage& message);
+    /// The same for a message that is deleted next, which need not be looked for again then.
+    static void RemoveLast(const TEMessage& message);
 
     using MapCallBack = std::map<std::uint32_t, AsynCallBack*>;
 
