@@ -5,6 +5,7 @@ set -eu
 
 modbus=$1
 failed=0
+patience=10 # seconds for what works: a loaded machine may take its time
 
 # expect CODE PATTERN ARGUMENT...: the exit status, and an extended regular expression for all that is printed.
 expect() {
@@ -19,18 +20,18 @@ expect() {
 }
 
 # What works
-expect 0 '^registers 1 = 1001~registers 2 = 1002$' -p "$TARN_LINE" read registers 1 2
-expect 0 '^inputs 0 = 0~inputs 1 = 1$' -p "$TARN_LINE" -b 115200 read inputs 0 2
-expect 0 '^holding 5: 3 written$' -p "$TARN_LINE" write holding 5 7 8 65535
-expect 0 '^holding 4 = 0~holding 5 = 7~holding 6 = 8~holding 7 = 65535$' -p "$TARN_LINE" read holding 4 4
-expect 0 '^coil 9: 2 written$' -p "$TARN_LINE" write coil 9 1 0
-expect 0 '^coil 11: 1 written$' -p "$TARN_LINE" write coil 11 1
-expect 0 '^coils 9 = 1~coils 10 = 0~coils 11 = 1$' -p "$TARN_LINE" read coils 9 3
-expect 0 '^(registers 0 = [0-9]+~?){3}$' -p "$TARN_LINE" watch registers 0 1 -i 0.05 -n 3
+expect 0 '^registers 1 = 1001~registers 2 = 1002$' -p "$TARN_LINE" -t "$patience" read registers 1 2
+expect 0 '^inputs 0 = 0~inputs 1 = 1$' -p "$TARN_LINE" -t "$patience" -b 115200 read inputs 0 2
+expect 0 '^holding 5: 3 written$' -p "$TARN_LINE" -t "$patience" write holding 5 7 8 65535
+expect 0 '^holding 4 = 0~holding 5 = 7~holding 6 = 8~holding 7 = 65535$' -p "$TARN_LINE" -t "$patience" read holding 4 4
+expect 0 '^coil 9: 2 written$' -p "$TARN_LINE" -t "$patience" write coil 9 1 0
+expect 0 '^coil 11: 1 written$' -p "$TARN_LINE" -t "$patience" write coil 11 1
+expect 0 '^coils 9 = 1~coils 10 = 0~coils 11 = 1$' -p "$TARN_LINE" -t "$patience" read coils 9 3
+expect 0 '^(registers 0 = [0-9]+~?){3}$' -p "$TARN_LINE" -t "$patience" watch registers 0 1 -i 0.05 -n 3
 expect 0 'Exit status' --help
 
 # What devices refuse, or leave unanswered
-expect 1 '^unit 1: illegal data address$' -p "$TARN_LINE" read holding 99 2
+expect 1 '^unit 1: illegal data address$' -p "$TARN_LINE" -t "$patience" read holding 99 2
 expect 1 '^unit 9: no answer$' -p "$TARN_LINE" -u 9 -t 0.3 read holding 0
 
 # Ports that are none
