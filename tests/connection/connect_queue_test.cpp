@@ -2,8 +2,8 @@
 #include "connection/TarnConnectorMgrImpl.h"
 #include "support/ConnectionTest.h"
 
+#include <cstdio>
 #include <future>
-#include <regex>
 #include <time.h>
 
 namespace {
@@ -37,11 +37,11 @@ protected:
     std::vector<unsigned long> Tried() const
     {
         std::vector<unsigned long> targets;
-        const std::regex before("Before Connect,GRPID=1,TargetID = 0x([0-9a-f]+)\n");
-        std::smatch match;
+        unsigned long ulTargetID = 0;
         for (const LogLine& line : host.Lines())
-            if (std::regex_match(line.strText, match, before))
-                targets.push_back(std::stoul(match[1], nullptr, 16));
+            if (std::sscanf(line.strText.c_str(), "Before Connect,GRPID=1,TargetID = 0x%lx\n", &ulTargetID) ==
+                1)
+                targets.push_back(ulTargetID);
         return targets;
     }
 
