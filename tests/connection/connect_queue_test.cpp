@@ -3,8 +3,6 @@
 #include "support/ConnectionTest.h"
 
 #include <cstdio>
-#include <future>
-#include <time.h>
 
 namespace {
 
@@ -45,42 +43,7 @@ protected:
         return targets;
     }
 
-    /// Processor time of the connect thread until the connection has been tried so often again, which all that are queued
-    /// are meanwhile.
-    double SecondsForRounds(unsigned long ulTargetID, int nRounds)
-    {
-        char szFailed[64];
-        std::snprintf(szFailed, sizeof(szFailed), "connect fail, Group = 1 ,TARGETID = 0x%lx, ", ulTargetID);
-        const auto pRounds = std::make_shared<Rounds>(Rounds{szFailed, nRounds, 0, {}});
-        auto seconds = pRounds->seconds.get_future();
-        LookNextTime(pRounds);
-        return seconds.get();
-    }
-
 private:
-    struct Rounds
-    {
-        const std::string strEnd; // what is logged at the end of one
-        int nLeft;
-        double begin;
-        std::promise<double> seconds;
-    };
-
-    void LookNextTime(const std::shared_ptr<Rounds>& pRounds)
-    {
-        host.StepIn(pRounds->strEnd, [this, pRounds] {
-            timespec now{};
-            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-            const double spent = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-            if (pRounds->begin == 0)
-                pRounds->begin = spent;
-            if (pRounds->nLeft-- == 0)
-                pRounds->seconds.set_value(spent - pRounds->begin);
-            else
-                LookNextTime(pRounds);
-        });
-    }
-
     std::vector<std::unique_ptr<TestConnector>> m_Connectors;
 };
 
@@ -96,22 +59,6 @@ TEST_F(ConnectQueue, FirstAttemptsComeByKeyAndRetriesByTheirAge)
     std::vector<unsigned long> tried = Tried();
     tried.resize(12);
     EXPECT_EQ(tried, (std::vector<unsigned long>{5, 3, 7, 9, 5, 3, 7, 9, 5, 3, 7, 9}));
-    UnRegisterAll();
-}
-
-TEST_F(ConnectQueue, AnAttemptCostsTheSameHoweverManyAreQueued)
-{
-    constexpr int FEW = 50;
-    constexpr int MANY = 5000;
-    Start();
-    for (int i = 1; i <= FEW; ++i)
-        Queue(static_cast<unsigned long>(i));
-    const double few = SecondsForRounds(1, MANY / FEW);
-    for (int i = FEW + 1; i <= MANY; ++i)
-        Queue(static_cast<unsigned long>(i));
-    SecondsForRounds(1, 1); // all are retries then
-    const double many = SecondsForRounds(1, 1);
-    EXPECT_LT(many, 4 * few);
     UnRegisterAll();
 }
 
