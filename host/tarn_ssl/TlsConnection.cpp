@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,8 +29,8 @@ constexpr std::size_t MAX_UNSENT_BYTES = 65536;
 // updates or requests to begin anew, and a peer may send those without end.
 constexpr std::size_t MAX_STEP_BYTES = 65536;
 
-// What is received at once when OpenSSL asks for the head of a record: small ones mostly come together. A greater one gains
-// nothing by it, and is taken not to be alone.
+// What is received beyond what OpenSSL asks for, which is the head of a record or the rest of one: small records mostly come
+// together. Less than a great record, so that who reads those is free after each.
 constexpr std::size_t AHEAD_BYTES = 8192;
 constexpr std::size_t RECORD_HEAD_BYTES = 5;
 constexpr std::size_t MAX_SEALED_BYTES = RECORD_BYTES + 2048; // see RFC 5246 (6.2.3)
@@ -126,8 +127,6 @@ int TlsConnection::OnRead(BIO* pBio, char* pData, std::size_t uLength, std::size
 {
     auto& connection = *static_cast<TlsConnection*>(BIO_get_data(pBio));
     BIO_clear_retry_flags(pBio);
-    if (uLength > RECORD_HEAD_BYTES)
-        connection.m_bGreatRecord = uLength > AHEAD_BYTES;
     *puRead = connection.TakeAhead(pData, uLength);
     if (*puRead > 0)
         return 1;
@@ -151,28 +150,34 @@ int TlsConnection::OnRead(BIO* pBio, char* pData, std::size_t uLength, std::size
     return 0;
 }
 
-/// Receives what OpenSSL has asked for, and with the head of a record what follows it. @return as ReceivePlain
+/// Receives what OpenSSL has asked for, and what follows it. @return as ReceivePlain
 int TlsConnection::ReceiveForSsl(char* pData, std::size_t uLength)
 {
-    std::unique_ptr<char[]> pAhead;
-    if (m_bReadsAhead && !m_bGreatRecord && uLength <= RECORD_HEAD_BYTES)
-        pAhead.reset(new (std::nothrow) char[AHEAD_BYTES]);
-    const std::size_t uWanted = std::min(pAhead != nullptr ? AHEAD_BYTES : uLength, m_uMayRead);
-    const int iReceived = ReceivePlain(pAhead != nullptr ? pAhead.get() : pData, uWanted);
-    const int iError = errno;
-    const auto uReceived = static_cast<std::size_t>(std::max(iReceived, 0));
+    uLength = std::min(uLength, m_uMayRead);
+    std::unique_ptr<char[]> pAhead(m_bReadsAhead ? new (std::nothrow) char[AHEAD_BYTES] : nullptr);
+    const std::size_t uAhead = pAhead != nullptr ? AHEAD_BYTES : 0;
+    iovec parts[] = {{pData, uLength}, {pAhead.get(), uAhead}};
+    msghdr message = {};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    ssize_t iReceived = -1;
+    do
+        iReceived = recvmsg(m_iSocket, &message, MSG_DONTWAIT);
+    while (iReceived < 0 && errno == EINTR);
+    const auto uReceived = static_cast<std::size_t>(std::max<ssize_t>(iReceived, 0));
     // A socket that has given less than was wanted has no more.
-    m_uMayRead = uReceived < uWanted ? 0 : m_uMayRead - uReceived;
-    if (pAhead == nullptr || uReceived == 0)
+    m_uMayRead = uReceived < uLength + uAhead ? 0 : m_uMayRead - std::min(m_uMayRead, uReceived);
+    if (uReceived > uLength)
     {
-        pAhead.reset();
-        errno = iError;
-        return iReceived;
+        m_pAhead = std::move(pAhead);
+        m_uAheadAt = 0;
+        m_uAheadEnd = uReceived - uLength;
+        return static_cast<int>(uLength);
     }
-    m_pAhead = std::move(pAhead);
-    m_uAheadAt = 0;
-    m_uAheadEnd = uReceived;
-    return static_cast<int>(TakeAhead(pData, uLength));
+    const int iError = errno;
+    pAhead.reset();
+    errno = iReceived == 0 ? 0 : iError;
+    return static_cast<int>(iReceived);
 }
 
 /// @return bytes given out of what was received ahead, which may be none

@@ -133,7 +133,6 @@ private:
     int m_iSocketError = 0;                   // of a call on the socket in this step
     std::size_t m_uMayRead = 0;               // bytes from the socket, in this step
     bool m_bReadsAhead = false;               // in this step
-    bool m_bGreatRecord = false;              // the last one was
     bool m_bEnded = false;                    // nothing is received any more
     int m_iEndError = 0;                      // why; 0: closed by the peer
     bool m_bCertificateAsked = false;         // by the peer, for this side's
