@@ -57,8 +57,8 @@ struct Options
     double warmup = 0.2;
     int iTimeoutMs = 5000;
     int iReconnectMs = 0;
-    std::string
-        strCaFile; // TLS, with an element whose certificate these authorities (PEM) vouch for; none: TCP
+    // TLS, with an element whose certificate these authorities (PEM) vouch for; none: TCP.
+    std::string strCaFile;
     // Of this library's client only.
     int bTrace = 0;           // hex trace to the log
     int iLogLevel = 2;        // of the host's log
