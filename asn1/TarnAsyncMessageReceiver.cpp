@@ -75,7 +75,7 @@ void TarnAsyncMessageReceiver::RegisterMessage(TEMessage* pMessage, AsynCallBack
     WithMemory("TarnAsyncMessageReceiver::RegisterMessage", -1, [&] {
         const TarnGuard guard(m_Lock);
         pMessage->m_bMayHaveCallBack = true;
-        if (!m_pSpares->Insert(m_mapCallBack, ulSerial, std::move(pCallBack)).second)
+        if (!m_pSpares->Insert(m_mapCallBack, ulSerial, pCallBack).second)
             TarnAdapterFrmtTrace(1, "TarnAsyncMessageReceiver RegisterMessage error,msg alredy exist");
         return 0;
     });

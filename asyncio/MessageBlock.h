@@ -2,7 +2,6 @@
 #define TARN_ASYNCIO_MESSAGEBLOCK_H
 
 #include "asyncio/CQxHandleMessage.h"
-
 #include "core/JoinedBlock.h"
 
 /// @file

@@ -19,8 +19,9 @@
 ///
 /// **One call at a time.** The kernel announces a handle once and then keeps silent about it (EPOLLONESHOT). A call
 /// begins by moving the handle from the wait set to the suspend set, and ends by moving it back, each under the token;
-/// then the kernel is told what to announce next, unless it has been asked for just that. A thread that comes with an announcement for a handle that is
-/// suspended drops it: the end of the call under way asks the kernel again, which looks at the handle anew.
+/// then the kernel is told what to announce next, unless it has been asked for just that. A thread that comes with an
+/// announcement for a handle that is suspended drops it: the end of the call under way asks the kernel again, which
+/// looks at the handle anew.
 ///
 /// **Registrations** have a generation each. Announcements carry it, and a call remembers it: a handler may be
 /// unregistered and registered again meanwhile, for a new descriptor with the old number, which an old announcement

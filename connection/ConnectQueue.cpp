@@ -129,7 +129,6 @@ int TarnConnectorMgrImpl::clearConnectQueue()
     for (auto it = m_pConnectQueque->begin(); it != m_pConnectQueque->end();)
     {
         CConnectorImplInfo* pInfo = it->second;
-        if (pInfo != nullptr)
         {
             const TarnReadGuard recordGuard(pInfo->lock);
             if (pInfo->bBusy)
@@ -139,11 +138,8 @@ int TarnConnectorMgrImpl::clearConnectQueue()
             }
             m_FreeTargets.erase(pInfo->AsFree(it->first));
         }
-        if (pInfo != nullptr && pInfo->pConnector != nullptr)
-        {
-            pInfo->pConnector->SetDisconnectedUnlessOpen();
-            ReleaseConnectorImplDecRef(pInfo->pConnector);
-        }
+        pInfo->pConnector->SetDisconnectedUnlessOpen();
+        ReleaseConnectorImplDecRef(pInfo->pConnector);
         delete pInfo;
         it = m_pConnectQueque->erase(it);
     }

@@ -27,11 +27,12 @@ constexpr std::size_t WRITE_LIMIT = 65536;
 constexpr std::size_t GATHER_BYTES = 49152;
 // A block of so many bytes is not copied without need.
 constexpr std::size_t LARGE_BLOCK = 4096;
-// Room that a thread keeps for the blocks that it sends together next.
-constexpr std::size_t MAX_IDLE_CAPACITY = 2 * WRITE_LIMIT;
-thread_local std::vector<unsigned char> t_WriteRoom;
 // How long a sender waits for room in the out queue.
 const ACE_Time_Value QUEUE_WAIT(0, 100'000);
+
+// Room for the blocks that the calling thread sends together next; and how much of it is kept.
+thread_local std::vector<unsigned char> t_WriteRoom;
+constexpr std::size_t MAX_IDLE_CAPACITY = 2 * WRITE_LIMIT;
 
 /// The kind of text that is sent under a protocol id, see TraceHexData.
 ETarnAdpterTraceType TraceTypeOfSending(std::uint32_t ulProtocolID)
@@ -191,8 +192,7 @@ bool TarnConnectorImpl::TakeNextBlock()
     }
     catch (const std::bad_alloc&)
     {
-        ACE_Time_Value noWait(ACE_Time_Value::zero);
-        m_pOutQueue->enqueue_head(pBlock.release(), &noWait);
+        m_pOutQueue->PutBack(pBlock.release());
         throw;
     }
     m_pToWrite = pBytes;

@@ -129,9 +129,6 @@ bool TarnSerialConnectorImpl::TakeNextBlock()
     if (bCopied)
         pBlock->release();
     else
-    {
-        ACE_Time_Value noWait(ACE_Time_Value::zero);
-        m_pOutQueue->enqueue_head(pBlock, &noWait);
-    }
+        m_pOutQueue->PutBack(pBlock);
     return bCopied;
 }

@@ -320,8 +320,8 @@ private:
     int m_iGroupID TARN_GUARDED_BY(m_ParameterLock) = 0;
     std::uint32_t m_ulTargetID TARN_GUARDED_BY(m_ParameterLock) = 0;
     int m_iControlFlag TARN_GUARDED_BY(m_ParameterLock) = 7;
-    std::atomic<ACE_HANDLE> m_Handle{
-        ACE_INVALID_HANDLE}; // changed within the guard and the parameter lock only
+    // Changed within the guard and the parameter lock only.
+    std::atomic<ACE_HANDLE> m_Handle{ACE_INVALID_HANDLE};
     ECommuProtocolType m_eProtocolType TARN_GUARDED_BY(m_ParameterLock) = TCP_TYPE;
     std::atomic<std::uint32_t> m_ulAdapterProtocolID{0};
 

@@ -12,9 +12,9 @@
 
 #include <cerrno>
 
-/// ACE's queue for many threads that put and take all the time: its lock is held for moments only, and is looked at a few
-/// times before it is waited for. Everything else is ACE's, but that a notification strategy is not told, and that enqueue_head and dequeue_head
-/// lock as ACE does.
+/// ACE's queue for many threads that put and take all the time: its lock is held for moments only, and the operations here
+/// look at it a few times before they wait for it. Everything else is ACE's, also how its other operations lock; but a
+/// notification strategy is not told.
 template <class TIME_POLICY = ACE_System_Time_Policy>
 class BriefQueue : public ACE_Message_Queue<ACE_MT_SYNCH, TIME_POLICY>
 {
@@ -63,6 +63,13 @@ public:
         if (pLast != nullptr)
             *pLast = this->is_empty_i();
         return pBlock;
+    }
+
+    /// Puts a block that has been taken out back before all others, however full the queue is by now.
+    void PutBack(ACE_Message_Block* pBlock)
+    {
+        const Guard guard(this->lock_);
+        this->enqueue_head_i(pBlock);
     }
 
 private:

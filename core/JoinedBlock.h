@@ -1,9 +1,9 @@
 #ifndef TARN_CORE_JOINEDBLOCK_H
 #define TARN_CORE_JOINEDBLOCK_H
 
-#include <cstddef>
-
 #include <ace/Message_Block.h>
+
+#include <cstddef>
 
 /// @file
 /// Blocks for ACE's queues in one piece of memory: the block, its data block and, if wanted, the bytes. ACE's own

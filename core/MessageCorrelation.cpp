@@ -70,7 +70,7 @@ int TEAdapterManager::RegisterMessage(TEMessage* pSource, TEMessage* pSink)
         bool bNewLink = false;
         try
         {
-            bNewLink = m_pSpares->links.Insert(m_mapSinkToSource, sinkUnit, TEMessageUnit(sourceUnit)).second;
+            bNewLink = m_pSpares->links.Insert(m_mapSinkToSource, sinkUnit, sourceUnit).second;
             m_pSpares->Append(it->second, sinkUnit);
         }
         catch (...)

@@ -18,7 +18,7 @@ public:
     /// Inserts an entry, unless there is one under the key. Quick when the key is beyond all others, as new serials are.
     /// @return the entry, and whether it is new
     std::pair<typename MAP::iterator, bool> Insert(MAP& map, const typename MAP::key_type& key,
-                                                   typename MAP::mapped_type&& value)
+                                                   typename MAP::mapped_type value)
     {
         const std::size_t uBefore = map.size();
         if (m_Nodes.empty())

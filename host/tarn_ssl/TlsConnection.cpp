@@ -410,14 +410,21 @@ bool TlsConnection::Negotiate()
     if (m_bClosed || m_bEnded)
         return true;
     BeginStep();
+    const bool bData = GoOnToData();
+    m_bSendAwaitsInput = IsNegotiating();
+    return !bData || !m_bSendAwaitsInput;
+}
+
+/// Has OpenSSL take, and answer, what comes before data. @return whether there is data
+bool TlsConnection::GoOnToData()
+{
     char cFirst = 0;
     const int iResult = SSL_peek(m_pSsl.get(), &cFirst, 1);
     const int iError = SSL_get_error(m_pSsl.get(), iResult);
     if (iResult != 1 && iError != SSL_ERROR_WANT_READ)
         NoteEnd(iError);
     SendUnsent();
-    m_bSendAwaitsInput = IsNegotiating();
-    return iResult != 1 || !m_bSendAwaitsInput;
+    return iResult == 1;
 }
 
 /// Sends as much as the socket takes. @return bytes taken; a failure is left in m_iSocketError, or ends the connection
@@ -471,12 +478,7 @@ void TlsConnection::OpenAhead()
 {
     BeginStep();
     m_uMayRead = 0;
-    char cFirst = 0;
-    const int iResult = SSL_peek(m_pSsl.get(), &cFirst, 1);
-    const int iError = SSL_get_error(m_pSsl.get(), iResult);
-    if (iResult != 1 && iError != SSL_ERROR_WANT_READ)
-        NoteEnd(iError);
-    SendUnsent();
+    GoOnToData();
     m_bSendAwaitsInput = m_bSendAwaitsInput && IsNegotiating();
 }
 

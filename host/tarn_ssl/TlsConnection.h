@@ -100,6 +100,7 @@ private:
     bool HoldsRest() const;
     bool HoldsRecord() const;
     void OpenAhead();
+    bool GoOnToData();
     void NoteEnd(int iSslError);
     void End(int iError);
     int AfterStep(int iResult);

@@ -5,7 +5,6 @@
 #include "support/ConnectionTest.h"
 #include "support/DescriptorHog.h"
 #include "support/Listener.h"
-#include "support/Relay.h"
 #include "support/Threads.h"
 
 #include <future>
@@ -232,20 +231,6 @@ TEST_F(ConnectorMgr, AnElementThatFlapsDisturbsNobody)
 }
 
 /// Through an independent program, and with every frame in many pieces.
-TEST_F(ConnectorMgr, AStreamCutIntoSevenBytePiecesKeepsItsFrames)
-{
-    StartAsking();
-    auto pRelay = std::make_unique<Relay>(element.Port());
-    TestConnector connector(1, pRelay->Port());
-    ASSERT_EQ(connector.Register(), 0);
-    ASSERT_TRUE(WaitOpened(connector, 1));
-    for (std::uint32_t u = 1; u <= 50; ++u)
-        ASSERT_TRUE(Asks(connector, u, std::string(u * 60, 'r'))) << u;
-    pRelay.reset();
-    EXPECT_TRUE(WaitUntil([&] { return connector.nBroken == 1; }));
-    EXPECT_EQ(connector.UnRegister(), 0);
-}
-
 TEST_F(ConnectorMgr, RequestsEndAndRenewTheAttempts)
 {
     Start();

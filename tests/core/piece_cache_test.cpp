@@ -1,5 +1,4 @@
 #include "core/PieceCache.h"
-#include "tarnadapterframe/TarnLock.h"
 
 #include <gtest/gtest.h>
 
@@ -91,43 +90,5 @@ TEST(PieceCache, AThreadThatOnlyTakesLeavesNothingBehind)
     EXPECT_LT(mallinfo2().uordblks, uBefore + THREADS * BYTES / 4);
 }
 #endif
-
-// Without the analysis, which knows no recursive locks.
-int Acquire(TarnRecursiveThreadMutex& mutex) TARN_NO_THREAD_SAFETY_ANALYSIS
-{
-    return mutex.acquire();
-}
-
-int Release(TarnRecursiveThreadMutex& mutex) TARN_NO_THREAD_SAFETY_ANALYSIS
-{
-    return mutex.release();
-}
-
-bool IsFree(TarnRecursiveThreadMutex& mutex)
-{
-    bool bFree = false;
-    std::thread([&] {
-        bFree = mutex.tryacquire() == 0;
-        if (bFree)
-            mutex.ACE_Recursive_Thread_Mutex::release();
-    }).join();
-    return bFree;
-}
-
-TEST(RecursiveMutex, IsFreeWhenItHasBeenReleasedAsOftenAsTaken)
-{
-    TarnRecursiveThreadMutex mutex;
-    for (int iRound = 0; iRound < 2; ++iRound)
-    {
-        for (int i = 0; i < 3; ++i)
-            ASSERT_EQ(Acquire(mutex), 0);
-        for (int i = 0; i < 3; ++i)
-        {
-            EXPECT_FALSE(IsFree(mutex));
-            EXPECT_EQ(Release(mutex), 0);
-        }
-        EXPECT_TRUE(IsFree(mutex));
-    }
-}
 
 } // namespace
