@@ -1,5 +1,6 @@
 #include "asn1/SyncCon.h"
 
+#include "core/CorrelationHold.h"
 #include "core/SyncWaits.h"
 #include "tarnadapterframe/tarntaskmgr.h"
 
@@ -51,12 +52,21 @@ void SyncCon::Change(const std::function<void(SyncCon&)>& change)
     // The waiting thread, which may be done with this as soon as the mutex is released, is woken when it can have that:
     // otherwise it would mostly have to wait once more.
     ++m_nUsers;
-    const Ptr kept(this);
+    Ptr kept(this);
     {
         ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
         change(*this);
     }
-    m_pCondition->signal();
+    if (!CorrelationHold::PutOff(&SignalAndRelease, this))
+        m_pCondition->signal();
+    else
+        static_cast<void>(kept.release());
+}
+
+void SyncCon::SignalAndRelease(void* pSyncCon)
+{
+    const Ptr kept(static_cast<SyncCon*>(pSyncCon));
+    kept->m_pCondition->signal();
 }
 
 SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)

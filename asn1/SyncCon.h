@@ -30,7 +30,8 @@ public:
     SyncCon(const SyncCon&) = delete;
     SyncCon& operator=(const SyncCon&) = delete;
 
-    /// Changes something under the mutex and wakes the waiting thread.
+    /// Changes something under the mutex and wakes the waiting thread; this when the caller has given the correlation lock
+    /// back, which the waiting thread wants first of all.
     void Change(const std::function<void(SyncCon&)>& change);
     /// Makes the waiting thread look again at what it waits for.
     void Wake();
@@ -55,6 +56,7 @@ public:
 private:
     SyncCon() = default;
     ~SyncCon() = default;
+    static void SignalAndRelease(void* pSyncCon);
 
     std::unique_ptr<ACE_Thread_Mutex> m_pMutex;
     std::unique_ptr<ACE_Condition<ACE_Thread_Mutex>> m_pCondition;

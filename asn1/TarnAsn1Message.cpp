@@ -281,6 +281,7 @@ int TarnAsn1Message::SyncHandleMessage(int nTimeOut)
     CallApplication("HandleMessage", typeid(*this), [&] {
         SetSyncFlag(SYNC_MESSAGE);
         SetType(COMMAND_MESSAGE);
+        const SyncWaits::Asking asking;
         iResult = HandleMessage();
     });
     if (iResult != 0)

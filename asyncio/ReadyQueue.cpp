@@ -124,7 +124,7 @@ bool ReadyQueue::Post(const Ready& ready)
 /// comes out of the wait without a handle clears it and looks.
 void ReadyQueue::WakeForPosted()
 {
-    if (m_nWaiting > 0 && !m_bWaking.exchange(true))
+    if (IsSleeping() && !m_bWaking.exchange(true))
         Signal(m_WakeEvent);
 }
 

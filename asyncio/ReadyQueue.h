@@ -42,6 +42,8 @@ public:
     /// Puts a handle behind those that are ready, without asking the kernel.
     /// @return false without memory
     bool Post(const Ready& ready);
+    /// Whether a post would wake a thread.
+    bool IsSleeping() const { return m_nWaiting > 0 && !m_bWaking; }
     /// Lets one thread that waits, or the next that does, return.
     void Wake();
     /// Lets all return, now and later.

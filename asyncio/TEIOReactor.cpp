@@ -178,9 +178,32 @@ bool TEIOReactor::BeginCall(const ReadyQueue::Ready& ready, Call& call)
         Announce(call.handle); // for what has been switched off meanwhile
         return false;
     }
+    Suspend(call);
+    return true;
+}
+
+/// Within the token: from now on the call is under way.
+void TEIOReactor::Suspend(const Call& call)
+{
     suspend_i(call.handle);
     call.pHandler->add_reference();
+}
+
+bool TEIOReactor::BeginOwnCall(ACE_HANDLE handle, ACE_Event_Handler* pHandler, Call& call)
+{
+    if (!m_Ready.IsSleeping())
+        return false;
+    const TokenGuard guard(*this);
+    if (!guard || find_handler_i(handle) != pHandler || Bits(wait_set_, handle) != READ)
+        return false;
+    call = {handle, m_Ready.Generation(handle), pHandler, true, false};
+    Suspend(call);
     return true;
+}
+
+void TEIOReactor::EndOwnCall(const Call& call)
+{
+    EndCall(call, 0, WRITE);
 }
 
 /// Within the token.

@@ -53,6 +53,24 @@ public:
     int EnableWriteEvents(ACE_HANDLE handle, const ACE_Event_Handler* pOnly = nullptr);
     int DisableWriteEvents(ACE_HANDLE handle, const ACE_Event_Handler* pOnly = nullptr);
 
+    /// A handler call under way.
+    struct Call
+    {
+        ACE_HANDLE handle = ACE_INVALID_HANDLE;
+        std::uint32_t ulGeneration = 0;
+        ACE_Event_Handler* pHandler = nullptr; // with a reference
+        bool bWrite = false;
+        bool bRead = false;
+    };
+    /// Instead of switching write events on: puts the calling thread, which may be any, into a call of the handle until
+    /// EndOwnCall, so that it writes by itself; only if a thread of the reactor would have to be woken for it. Both take the
+    /// token, as above.
+    /// @param pHandler  of the handle
+    /// @return false when there is no call: another one is under way, write events are on, all threads of the reactor are
+    ///         busy, or none runs
+    bool BeginOwnCall(ACE_HANDLE handle, ACE_Event_Handler* pHandler, Call& call);
+    void EndOwnCall(const Call& call);
+
     /// Waits for one handle and makes its calls: handle_output when it may be written and write events are on, then
     /// handle_input when there is something to read. A result above 0 is called again at once, one below 0 drops the
     /// handler for that event.
@@ -97,16 +115,6 @@ private:
         ACE_Event_Handler* pHandler = nullptr;
     };
 
-    /// A handler call under way.
-    struct Call
-    {
-        ACE_HANDLE handle = ACE_INVALID_HANDLE;
-        std::uint32_t ulGeneration = 0;
-        ACE_Event_Handler* pHandler = nullptr; // with a reference
-        bool bWrite = false;
-        bool bRead = false;
-    };
-
     /// What is left to do when write events have been switched: in the wait set, or else nothing.
     struct Switched
     {
@@ -116,6 +124,7 @@ private:
     };
 
     bool IsRegistered(const Call& call);
+    void Suspend(const Call& call);
     bool BeginCall(const ReadyQueue::Ready& ready, Call& call);
     bool MayGoOn(const Call& call);
     void EndCall(const Call& call, int iStatus, ACE_Reactor_Mask mask);

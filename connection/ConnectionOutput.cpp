@@ -4,6 +4,7 @@
 #include "connection/WouldBlock.h"
 #include "core/JoinedBlock.h"
 #include "core/LogArguments.h"
+#include "core/SyncWaits.h"
 #include "platform/tarnplatform.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
 #include "tarnadapterframe/TraceHexData.h"
@@ -42,6 +43,12 @@ ETarnAdpterTraceType TraceTypeOfSending(std::uint32_t ulProtocolID)
     return ulProtocolID == 4 || ulProtocolID == 5 ? TARN_TRACE_NE_MML : TARN_TRACE_SEND_TO_NE;
 }
 
+TEIOReactor* ExistingReactor()
+{
+    TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
+    return pAsyncIOMgr != nullptr ? pAsyncIOMgr->Reactor() : nullptr;
+}
+
 /// A block with a copy of the bytes; null without memory.
 ACE_Message_Block* MakeBlock(const char* pData, std::size_t uLength)
 {
@@ -78,18 +85,29 @@ int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
         TraceHexData(pData, iLength, TARN_TRACE_SEND_TO_NE, GetCurrentThreadId());
         return -1;
     }
-    const TarnGuard guard(m_SendLock);
-    if (m_bWritePending)
-        return 0; // the next handle_output sends the block, too
-    m_bWritePending = true;
-    SwitchWriteEvents(true);
+    TEIOReactor* const pReactor = SyncWaits::IsAsking() ? ExistingReactor() : nullptr;
+    TEIOReactor::Call ownCall;
+    {
+        const TarnGuard guard(m_SendLock);
+        if (m_bWritePending)
+            return 0; // the next handle_output sends the block, too
+        m_bWritePending = true;
+        if (pReactor == nullptr || !pReactor->BeginOwnCall(GetHandle(), this, ownCall))
+        {
+            SwitchWriteEvents(true);
+            return 0;
+        }
+    }
+    const bool bMore = WriteByItself();
+    pReactor->EndOwnCall(ownCall);
+    if (bMore)
+        SwitchWriteEvents(true);
     return 0;
 }
 
 void TarnConnectorImpl::SwitchWriteEvents(bool bOn)
 {
-    TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
-    TEIOReactor* pReactor = pAsyncIOMgr != nullptr ? pAsyncIOMgr->Reactor() : nullptr;
+    TEIOReactor* pReactor = ExistingReactor();
     if (pReactor == nullptr)
         return;
     const DescriptorGuard::Use use(m_DescriptorGuard);

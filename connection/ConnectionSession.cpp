@@ -84,6 +84,8 @@ std::uint32_t TarnConnectorImpl::ServedSession()
 void TarnConnectorImpl::SetServed(bool bServed)
 {
     m_ulServed = bServed ? m_ulSession.load() : 0;
+    if (bServed)
+        m_ulFailedSession = 0; // no call is under way
     if (!bServed || IsControlParaTrue(AUTO_CONNECT))
         return;
     // A descriptor of the caller's may be served again after a break, and may then break again.

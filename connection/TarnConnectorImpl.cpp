@@ -98,7 +98,11 @@ int TarnConnectorImpl::handle_output(ACE_HANDLE /*handle*/)
     HandlerCall call(*this);
     if (call.Session() == 0)
         return 0;
-    int iWritten = TryWrite();
+    int iWritten = -1;
+    if (m_ulFailedSession == call.Session())
+        errno = m_iWriteError;
+    else
+        iWritten = TryWrite();
     if (iWritten == -1)
     {
         TarnAdapterFrmtTrace(3, "TarnConnectorImpl::handle_output : Write error(%d),handle(0x%x)\n", errno,
@@ -138,6 +142,28 @@ int TarnConnectorImpl::WriteLastTime()
     if (iWritten == 0)
         m_bWritePending = false;
     return iWritten;
+}
+
+/// What handle_output does, in a call by a thread that is none of the I/O threads: it must not get into the adapter's
+/// framing or into hooks, since nobody knows what locks it holds. @return whether there is more to do, for an I/O thread
+bool TarnConnectorImpl::WriteByItself()
+{
+    const HandlerCall call(*this);
+    if (call.Session() == 0)
+        return false;
+    int iWritten = TryWrite();
+    if (iWritten == 0)
+    {
+        const TarnGuard guard(m_SendLock);
+        iWritten = TryWrite();
+        m_bWritePending = iWritten != 0;
+    }
+    if (iWritten == -1)
+    {
+        m_iWriteError = errno;
+        m_ulFailedSession = call.Session();
+    }
+    return iWritten != 0 || HasBufferedInput();
 }
 
 int TarnConnectorImpl::TryRead()

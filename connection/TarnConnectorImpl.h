@@ -47,7 +47,8 @@ enum class BreakClaim
 ///
 /// **Threads.** handle_input, handle_output and handle_close run on I/O threads; for one registration never
 /// two at a time, and a new registration waits until the calls of the old one have left, so the buffers need
-/// no lock. handle_close also runs inside UnregisterHandle, with the reactor's token held. All else may be
+/// no lock. A thread that sends a request and waits for its answer may write by itself, which counts as such a call;
+/// framing and breaks are left to the I/O threads. handle_close also runs inside UnregisterHandle, with the reactor's token held. All else may be
 /// called from any thread.
 ///
 /// **Life.** Owned by its facade until retired, then by the connection manager, which deletes it when nobody
@@ -299,6 +300,7 @@ private:
     int ReadBuffered();
     bool IsOpenForCall() TARN_EXCLUDES(m_DescriptorGuard);
     int WriteLastTime() TARN_EXCLUDES(m_SendLock);
+    bool WriteByItself() TARN_EXCLUDES(m_SendLock);
     int BreakFromInput(HandlerCall& call);
     int Break(HandlerCall& call, const char* pszDisConnectText);
     int ConsumeFrames();
@@ -329,7 +331,7 @@ private:
     std::atomic<std::uint32_t> m_ulSession{0};
     std::atomic<std::uint32_t> m_ulServed{0};
 
-    // Touched only from handler calls, one at a time.
+    // Touched only from handler calls, one at a time, or while a registration keeps them out.
     ReceivedAhead m_Ahead;                 // received, but not yet asked for
     std::uint32_t m_ulAheadSession = 0;    // in which it was
     InputBuffer m_Input;                   // the read buffer
@@ -339,6 +341,8 @@ private:
     std::size_t m_uToWrite = 0;            // bytes
     std::deque<OutputBlock> m_WriteBlocks; // the blocks of which that consists
     int m_nRepeats = 0;                    // results of 1 in a row
+    std::uint32_t m_ulFailedSession = 0;   // in which a thread that wrote by itself has failed
+    int m_iWriteError = 0;                 // and how
 
     TarnThreadMutex m_SendLock;
     bool m_bWritePending TARN_GUARDED_BY(m_SendLock) = false;

@@ -1,4 +1,5 @@
 #include "core/ApplicationCall.h"
+#include "core/CorrelationHold.h"
 #include "core/CorrelationSpares.h"
 #include "core/ExistingManager.h"
 #include "core/MessageUnit.h"
@@ -168,12 +169,18 @@ int TEAdapterManager::UnRegisterSinkMessage(TEMessage* pSinkMsg)
 
 int TEAdapterManager::AcquireMsgMapMtx()
 {
-    return m_MsgMapMtx.acquire();
+    const int iResult = m_MsgMapMtx.acquire();
+    if (iResult == 0)
+        CorrelationHold::Begin();
+    return iResult;
 }
 
 int TEAdapterManager::ReleaseMsgMapMtx()
 {
-    return m_MsgMapMtx.release();
+    const int iResult = m_MsgMapMtx.release();
+    if (iResult == 0)
+        CorrelationHold::End();
+    return iResult;
 }
 
 TEAdapterManager::MapSinkToSource::iterator TEAdapterManager::FindSrcMsgUnit(const TEMessageUnit& sinkUnit,

@@ -2,6 +2,12 @@
 
 #include <utility>
 
+namespace {
+
+thread_local int t_nAsking = 0;
+
+} // namespace
+
 SyncWaits& SyncWaits::Instance()
 {
     // Never destroyed: a thread may be waiting while statics are.
@@ -32,6 +38,21 @@ SyncWaits::Stay::~Stay()
     *m_ppSelf = m_pNext;
     if (m_pNext != nullptr)
         m_pNext->m_ppSelf = m_ppSelf;
+}
+
+SyncWaits::Asking::Asking()
+{
+    ++t_nAsking;
+}
+
+SyncWaits::Asking::~Asking()
+{
+    --t_nAsking;
+}
+
+bool SyncWaits::IsAsking()
+{
+    return t_nAsking != 0;
 }
 
 void SyncWaits::Open()

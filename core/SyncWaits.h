@@ -41,6 +41,19 @@ public:
         Stay** m_ppSelf = nullptr;
     };
 
+    /// While one lives, the calling thread sends the request for whose answer it is going to wait: what it does by itself
+    /// instead of waking a thread for it delays nobody.
+    class Asking
+    {
+    public:
+        Asking();
+        ~Asking();
+        Asking(const Asking&) = delete;
+        Asking& operator=(const Asking&) = delete;
+    };
+    /// Of the calling thread.
+    static bool IsAsking();
+
     void Open();
     /// Turns away and wakes, without waiting.
     void Shut();

@@ -336,6 +336,61 @@ TEST_P(IOReactor, SwitchingBesideCallsLosesNothing)
     EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
 }
 
+// A call by a thread that is none of the reactor's keeps the others out, and nothing that happens meanwhile is lost.
+TEST_P(IOReactor, AnOwnCallIsACallLikeAnyOther)
+{
+    SocketPair pair;
+    Handler handler;
+    Handler other;
+    TEIOReactor::Call call;
+    std::atomic<bool> bOwnCall{false};
+    std::atomic<int> nMeetings{0};
+    std::atomic<int> nInputs{0};
+    std::atomic<int> nOutputs{0};
+    handler.onInput = [&](ACE_HANDLE handle) {
+        nMeetings += bOwnCall ? 1 : 0;
+        nInputs += std::max(ReadOne(handle), 0);
+        return 0;
+    };
+    handler.onOutput = [&](ACE_HANDLE handle) {
+        nMeetings += bOwnCall ? 1 : 0;
+        ++nOutputs;
+        reactor.DisableWriteEvents(handle);
+        return 0;
+    };
+    ASSERT_EQ(reactor.register_handler(pair.iNear, &handler, READ), 0);
+    EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &handler, call)) << "without threads";
+    const auto begin = [&] {
+        return WaitUntil([&] { return reactor.BeginOwnCall(pair.iNear, &handler, call); });
+    };
+    {
+        const Running running(*this, 2);
+        int nSent = 0;
+        for (int i = 1; i <= StressRounds(200); ++i)
+        {
+            ASSERT_TRUE(begin()) << i;
+            bOwnCall = true;
+            EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &handler, call)) << "one is under way";
+            EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &other, call)) << "another one's";
+            EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 1);
+            pair.Send(1);
+            ++nSent;
+            bOwnCall = false;
+            reactor.EndOwnCall(call);
+            ASSERT_TRUE(WaitUntil([&] { return nInputs == nSent && nOutputs == i; })) << i;
+            ASSERT_TRUE(WaitUntil([&] { return reactor.DisableWriteEvents(pair.iNear) == 0; }));
+        }
+        EXPECT_EQ(nMeetings, 0);
+        // Unregistered meanwhile: the end of the call touches nobody.
+        ASSERT_TRUE(begin());
+        EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
+        EXPECT_EQ(reactor.register_handler(pair.iNear, &other, READ | WRITE), 0);
+        reactor.EndOwnCall(call);
+        EXPECT_EQ(reactor.DisableWriteEvents(pair.iNear, &other), 1);
+    }
+    EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
+}
+
 // A handler's connection is closed, reopened under the same number and registered again while its last call
 // is about to fail: whichever comes first, each new registration is served.
 TEST_P(IOReactor, ReopenedHandlesAreServedThroughChurn)

@@ -4,6 +4,7 @@
 #include "connection/TarnConnectorMgrImpl.h"
 #include "connection/TarnTCPConnectorImpl.h"
 #include "core/LogArguments.h"
+#include "core/SyncWaits.h"
 #include "platform/tarnplatform.h"
 #include "support/ConnectionTest.h"
 #include "support/SocketPair.h"
@@ -64,9 +65,11 @@ public:
     int SendData(const char* pBuf, int iLength) override
     {
         ++nSends;
+        lastSender = std::this_thread::get_id();
         return TarnTCPConnectorImpl::SendData(pBuf, iLength);
     }
     std::atomic<int> nSends{0};
+    std::atomic<std::thread::id> lastSender{};
 };
 
 /// A connection that takes whole records off the socket and gives them out in pieces, as TLS does.
@@ -633,6 +636,68 @@ TEST_F(ConnectionCore, ReadingHasItsTurnWhileMuchIsBeingSent)
     EXPECT_EQ(pair.Receive(MUCH).size(), MUCH);
     EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
     connection.set_handle(ACE_INVALID_HANDLE);
+}
+
+// Whoever is going to wait for the answer spares the switch to an I/O thread, but does nothing else that is theirs.
+TEST_F(ConnectionCore, WhoAsksWritesByItselfAndLeavesTheRestToTheIOThreads)
+{
+    StartKeeping();
+    const SocketPair pair;
+    RecordConnection connection;
+    connection.set_handle(pair.iNear);
+    ASSERT_EQ(AsyncIO().RegisterHandle(&connection), 0);
+    const auto sender = std::this_thread::get_id();
+    const auto ask = [&](const std::string& strBytes) {
+        const SyncWaits::Asking asking;
+        EXPECT_EQ(connection.AddAndSendData(strBytes.data(), static_cast<int>(strBytes.size())), 0);
+    };
+    ASSERT_TRUE(WaitUntil([&] { // not while the only thread that sleeps is being woken for the registration
+        ask("?");
+        return pair.Receive(1) == "?" && connection.lastSender == sender;
+    }));
+    EXPECT_EQ(connection.AddAndSendData("!", 1), 0);
+    EXPECT_EQ(pair.Receive(1), "!");
+    EXPECT_NE(connection.lastSender, sender) << "without waiting for an answer";
+
+    // More than the socket takes. What comes meanwhile is framed where it always is.
+    std::atomic<bool> bFramedHere{false};
+    pAdapter->onFraming = [&](ACE_HANDLE) { bFramedHere = std::this_thread::get_id() == sender; };
+    const std::string strBulk(4 << 20U, 'b');
+    ask(strBulk);
+    ask("end");
+    pair.Send(Element::Frame(7, "meanwhile"));
+    ASSERT_TRUE(WaitFrames(1));
+    EXPECT_FALSE(bFramedHere);
+    EXPECT_TRUE(pair.Receive(strBulk.size()) == strBulk);
+    EXPECT_EQ(pair.Receive(3), "end");
+    EXPECT_EQ(AsyncIO().UnregisterHandle(&connection), 0);
+    EXPECT_TRUE(WaitUntil([&] { return connection.IsUnused(); }));
+    connection.set_handle(ACE_INVALID_HANDLE);
+}
+
+TEST_F(ConnectionCore, AFailureOfWhoWritesByItselfIsABreakOnAnIOThread)
+{
+    StartKeeping();
+    const SocketPair pair;
+    TestConnector connector(1);
+    std::atomic<int> nHooksHere{0};
+    const auto sender = std::this_thread::get_id();
+    connector.onBroken = [&] { nHooksHere += std::this_thread::get_id() == sender ? 1 : 0; };
+    for (int iRound = 1; iRound <= 3;
+         ++iRound) // the caller's descriptor may be served again, and breaks again
+    {
+        ASSERT_EQ(Serve(connector, pair), 0);
+        shutdown(pair.iNear, SHUT_WR); // it can be read, but not written
+        {
+            const SyncWaits::Asking asking;
+            EXPECT_EQ(connector.Send(1, "?"), 0);
+        }
+        ASSERT_TRUE(WaitUntil([&] { return connector.nBroken == iRound; }));
+        EXPECT_TRUE(WaitUntil([&] { return connector.Impl()->IsUnused(); }));
+        EXPECT_EQ(host.Count(1, "TarnConnectorImpl::Write, send data error!\n"), iRound);
+        EXPECT_EQ(connector.UnRegister(), 0);
+    }
+    EXPECT_EQ(nHooksHere, 0);
 }
 
 TEST_F(ConnectionCore, BlocksOfAllSizesKeepTheirOrder)

@@ -1,4 +1,5 @@
 #include "core/BriefQueue.h"
+#include "core/CorrelationHold.h"
 #include "core/JoinedBlock.h"
 #include "tarnadapterframe/TarnLock.h"
 
@@ -65,6 +66,28 @@ TEST(BriefQueue, WhatIsPutBackComesFirstAlsoWhenTheQueueIsFull)
     EXPECT_EQ(queue.TakeFirst(), pSecond);
     EXPECT_EQ(queue.TakeFirst(), nullptr);
     pSecond->release();
+}
+
+TEST(CorrelationHold, WhatIsPutOffIsDoneOnceWhenTheLastHoldEnds)
+{
+    int nDone = 0;
+    const auto count = [](void* pDone) { ++*static_cast<int*>(pDone); };
+    EXPECT_FALSE(CorrelationHold::PutOff(count, &nDone)) << "nothing is held";
+    CorrelationHold::Begin();
+    CorrelationHold::Begin();
+    int nPutOff = 0;
+    while (nPutOff < 100 && CorrelationHold::PutOff(count, &nDone))
+        ++nPutOff;
+    EXPECT_GT(nPutOff, 0);
+    EXPECT_LT(nPutOff, 100) << "there is a bound";
+    CorrelationHold::End();
+    EXPECT_EQ(nDone, 0);
+    CorrelationHold::End();
+    EXPECT_EQ(nDone, nPutOff);
+    CorrelationHold::Begin();
+    CorrelationHold::End();
+    EXPECT_EQ(nDone, nPutOff);
+    EXPECT_FALSE(CorrelationHold::PutOff(count, &nDone));
 }
 
 } // namespace
