@@ -77,11 +77,10 @@ ReadyQueue::~ReadyQueue()
 
 int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
 {
-    // How many are taken from the posted ones until the kernel's have their turn.
-    constexpr unsigned POSTED_IN_A_ROW = 8;
-    thread_local unsigned t_uTaken = 0;
-    const bool bKernelsTurn = ++t_uTaken % POSTED_IN_A_ROW == 0;
-    if (!bKernelsTurn && TakePosted(ready))
+    // The posted ones and the kernel's in turn: while something can be read, what is to be written gathers.
+    thread_local bool t_bKernelsTurn = false;
+    t_bKernelsTurn = !t_bKernelsTurn;
+    if (!t_bKernelsTurn && TakePosted(ready))
         return 1;
     // Whoever posts looks at the number of waiting threads afterwards, and so do they at what is posted.
     ++m_nWaiting;

@@ -15,7 +15,7 @@
 /// The reactor of the I/O threads: ACE's thread-pool reactor with a wait of its own. Any number of threads wait
 /// side by side, in epoll(7) and without the reactor's token, so that who wants the token wakes nobody. Handles that
 /// the kernel announces are served in the order in which they become ready, whatever their number; those whose write
-/// events have just been switched on come before them, but not more than seven in a row on a thread.
+/// events have just been switched on have every second turn of a thread.
 ///
 /// **One call at a time.** The kernel announces a handle once and then keeps silent about it (EPOLLONESHOT). A call
 /// begins by moving the handle from the wait set to the suspend set, and ends by moving it back, each under the token;

@@ -104,7 +104,7 @@ public:
     /// Closes the connection. @return 0 closed, -1 it did not close
     virtual int DisConnect() = 0;
 
-    /// Queues bytes for sending and has an I/O thread send them, see TEAsyncIOMgr::SendToOutBuffer.
+    /// Queues bytes for sending and has them sent, see TEAsyncIOMgr::SendToOutBuffer.
     /// @return 0 queued, or no memory (logged); -1 refused
     virtual int AddAndSendData(const char* pData, int iLength) TARN_EXCLUDES(m_SendLock);
     virtual ACE_HANDLE GetHandle();

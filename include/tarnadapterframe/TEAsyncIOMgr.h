@@ -25,8 +25,9 @@ public:
     /// are not handled and not deleted. Not to be called on one of the framework's threads.
     static void Destroy();
 
-    /// Queues bytes for sending on an open, registered connection; an I/O thread sends them. Bytes of one
-    /// connection are sent in the order of the calls, each call's in one piece.
+    /// Queues bytes for sending on an open, registered connection; an I/O thread sends them, or in
+    /// TarnAsn1Message::SyncHandleMessage, when it would have to be woken for that, the calling thread, as far as they
+    /// can be sent without waiting. Bytes of one connection are sent in the order of the calls, each call's in one piece.
     ///
     /// Waits for up to 100 ms while 10,240,000 bytes are waiting to be sent on the connection. Bytes that are
     /// waiting when the connection breaks stay, and go out first when it is open again.
