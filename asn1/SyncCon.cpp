@@ -57,10 +57,10 @@ void SyncCon::Change(const std::function<void(SyncCon&)>& change)
         ACE_GUARD(ACE_Thread_Mutex, guard, *m_pMutex);
         change(*this);
     }
-    if (!CorrelationHold::PutOff(&SignalAndRelease, this))
-        m_pCondition->signal();
-    else
+    if (CorrelationHold::PutOff(&SignalAndRelease, this))
         static_cast<void>(kept.release());
+    else
+        m_pCondition->signal();
 }
 
 void SyncCon::SignalAndRelease(void* pSyncCon)

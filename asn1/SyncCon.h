@@ -24,14 +24,14 @@ public:
 
     /// @param pszFailed  set to what could not be created when null is returned
     static Ptr Create(const char*& pszFailed);
-    /// Given up by its owner: deleted, as soon as nobody is inside Change any more.
+    /// Given up by its owner: deleted, as soon as nobody is inside Change any more, and no wake-up is put off.
     void Release();
 
     SyncCon(const SyncCon&) = delete;
     SyncCon& operator=(const SyncCon&) = delete;
 
-    /// Changes something under the mutex and wakes the waiting thread; this when the caller has given the correlation lock
-    /// back, which the waiting thread wants first of all.
+    /// Changes something under the mutex and wakes the waiting thread; or, when the caller holds the correlation lock, which
+    /// that thread wants first of all, has it woken once the lock is given back (or at the end of its tick).
     void Change(const std::function<void(SyncCon&)>& change);
     /// Makes the waiting thread look again at what it waits for.
     void Wake();
@@ -60,7 +60,7 @@ private:
 
     std::unique_ptr<ACE_Thread_Mutex> m_pMutex;
     std::unique_ptr<ACE_Condition<ACE_Thread_Mutex>> m_pCondition;
-    std::atomic<int> m_nUsers{1}; // its owner, and who is inside Change
+    std::atomic<int> m_nUsers{1}; // its owner, who is inside Change, and wake-ups that are put off
 };
 
 #endif

@@ -48,19 +48,15 @@ thread_local const TEIOReactor* t_pTelling = nullptr;
 class TEIOReactor::TokenGuard
 {
 public:
-    explicit TokenGuard(TEIOReactor& reactor) TARN_NO_THREAD_SAFETY_ANALYSIS : m_Reactor(reactor),
-                                                                               m_bGate(t_pTelling != &reactor)
-    {
-        if (m_bGate)
-            m_Reactor.m_TokenGate.acquire();
-        m_bOwned = m_Reactor.token_.acquire() != -1; // 1 after a wait
-    }
-    ~TokenGuard() TARN_NO_THREAD_SAFETY_ANALYSIS
+    explicit TokenGuard(TEIOReactor& reactor)
+        : m_Reactor(reactor)
+        , m_Gate(t_pTelling != &reactor ? &reactor.m_TokenGate : nullptr)
+        , m_bOwned(reactor.token_.acquire() != -1) // 1 after a wait
+    {}
+    ~TokenGuard()
     {
         if (m_bOwned)
             m_Reactor.token_.release();
-        if (m_bGate)
-            m_Reactor.m_TokenGate.release();
     }
     TokenGuard(const TokenGuard&) = delete;
     TokenGuard& operator=(const TokenGuard&) = delete;
@@ -68,9 +64,30 @@ public:
     explicit operator bool() const { return m_bOwned; }
 
 private:
+    // By itself, so that it is left also when the thread is ended in its wait for the token.
+    class Gate
+    {
+    public:
+        explicit Gate(TarnThreadMutex* pMutex) TARN_NO_THREAD_SAFETY_ANALYSIS : m_pMutex(pMutex)
+        {
+            if (m_pMutex != nullptr)
+                m_pMutex->acquire();
+        }
+        ~Gate() TARN_NO_THREAD_SAFETY_ANALYSIS
+        {
+            if (m_pMutex != nullptr)
+                m_pMutex->release();
+        }
+        Gate(const Gate&) = delete;
+        Gate& operator=(const Gate&) = delete;
+
+    private:
+        TarnThreadMutex* const m_pMutex;
+    };
+
     TEIOReactor& m_Reactor;
-    const bool m_bGate;
-    bool m_bOwned = false;
+    const Gate m_Gate;
+    const bool m_bOwned;
 };
 
 TEIOReactor::TEIOReactor()

@@ -65,9 +65,9 @@ public:
     /// Instead of switching write events on: puts the calling thread, which may be any, into a call of the handle until
     /// EndOwnCall, so that it writes by itself; only if a thread of the reactor would have to be woken for it. Both take the
     /// token, as above.
-    /// @param pHandler  of the handle
-    /// @return false when there is no call: another one is under way, write events are on, all threads of the reactor are
-    ///         busy, or none runs
+    /// @param pHandler  must be the handle's
+    /// @return false when there is no call: another one is under way, write events are on, a thread of the reactor is being
+    ///         woken already, all are busy, or none runs; true: it must be ended
     bool BeginOwnCall(ACE_HANDLE handle, ACE_Event_Handler* pHandler, Call& call);
     void EndOwnCall(const Call& call);
 

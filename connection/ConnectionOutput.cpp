@@ -11,6 +11,8 @@
 
 #include <ace/ACE.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -42,6 +44,29 @@ ETarnAdpterTraceType TraceTypeOfSending(std::uint32_t ulProtocolID)
         return TARN_TRACE_TL1_SEND;
     return ulProtocolID == 4 || ulProtocolID == 5 ? TARN_TRACE_NE_MML : TARN_TRACE_SEND_TO_NE;
 }
+
+/// Has the calling thread's cancellation wait, if so wanted, for as long as this lives.
+class CancelledLater
+{
+public:
+    explicit CancelledLater(bool bWanted)
+        : m_bWanted(bWanted)
+    {
+        if (m_bWanted)
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_iState);
+    }
+    ~CancelledLater()
+    {
+        if (m_bWanted)
+            pthread_setcancelstate(m_iState, nullptr);
+    }
+    CancelledLater(const CancelledLater&) = delete;
+    CancelledLater& operator=(const CancelledLater&) = delete;
+
+private:
+    const bool m_bWanted;
+    int m_iState = PTHREAD_CANCEL_ENABLE;
+};
 
 TEIOReactor* ExistingReactor()
 {
@@ -86,6 +111,8 @@ int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
         return -1;
     }
     TEIOReactor* const pReactor = SyncWaits::IsAsking() ? ExistingReactor() : nullptr;
+    const CancelledLater cancelledLater(
+        pReactor != nullptr); // what begins and ends the call may pass points of cancellation
     TEIOReactor::Call ownCall;
     {
         const TarnGuard guard(m_SendLock);
@@ -98,10 +125,21 @@ int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
             return 0;
         }
     }
-    const bool bMore = WriteByItself();
-    pReactor->EndOwnCall(ownCall);
-    if (bMore)
-        SwitchWriteEvents(true);
+    // At its end also when the thread is ended inside, by the trace callback perhaps: then the rest is an I/O thread's.
+    struct Ending
+    {
+        TarnConnectorImpl& connection;
+        TEIOReactor& reactor;
+        const TEIOReactor::Call& call;
+        bool bMore = true;
+        ~Ending()
+        {
+            reactor.EndOwnCall(call);
+            if (bMore)
+                connection.SwitchWriteEvents(true);
+        }
+    } ending{*this, *pReactor, ownCall};
+    ending.bMore = WriteByItself();
     return 0;
 }
 
@@ -151,18 +189,21 @@ int TarnConnectorImpl::Write()
 /// Traces what has been sent, each block's part by itself with the thread that queued it.
 void TarnConnectorImpl::NoteSent(std::size_t uSent)
 {
+    const char* pSent = m_pToWrite;
+    // First: a trace callback that ends the thread must not have it sent again.
+    m_pToWrite += uSent;
+    m_uToWrite -= uSent;
     while (uSent > 0)
     {
         OutputBlock& block = m_WriteBlocks.front();
         const std::size_t uPart = std::min(uSent, block.uRest);
-        TraceHexData(m_pToWrite, static_cast<int>(uPart), TraceTypeOfSending(m_ulAdapterProtocolID),
-                     block.ulThreadId);
-        m_pToWrite += uPart;
-        m_uToWrite -= uPart;
-        uSent -= uPart;
+        const std::uint32_t ulThreadId = block.ulThreadId;
         block.uRest -= uPart;
         if (block.uRest == 0)
             m_WriteBlocks.pop_front();
+        TraceHexData(pSent, static_cast<int>(uPart), TraceTypeOfSending(m_ulAdapterProtocolID), ulThreadId);
+        pSent += uPart;
+        uSent -= uPart;
     }
 }
 
@@ -172,6 +213,7 @@ bool TarnConnectorImpl::GatherOutput()
 {
     m_pWriteBlock.reset();
     m_WriteBuffer.clear();
+    m_WriteBlocks.clear(); // of a thread that was ended before it had traced all
     if (m_WriteBuffer.capacity() == 0)
         m_WriteBuffer.swap(t_WriteRoom);
     while (m_WriteBuffer.size() < GATHER_BYTES && m_pWriteBlock == nullptr && TakeNextBlock())
@@ -266,8 +308,9 @@ int TarnConnectorImpl::SendAll(const char* pBuf, int iLength, int& iError)
                 iError = errno;
             }
         }
-        if (iTaken < 0)
-            return IsWouldBlock(iError) ? iSent : -1;
+        if (iTaken <
+            0) // what has been sent is told first, or it would be sent again; the next attempt fails anew
+            return iSent > 0 || IsWouldBlock(iError) ? iSent : -1;
         iSent += static_cast<int>(iTaken);
     }
     return iSent;

@@ -76,6 +76,8 @@ int TarnConnectorImpl::handle_input(ACE_HANDLE /*handle*/)
     HandlerCall call(*this);
     if (call.Session() == 0)
         return 0; // unregistered between the reactor's look and this call
+    if (HasFailedBefore(call))
+        return BreakFromOutput(call);
     const int iRead = TryRead();
     return iRead < 0 ? BreakFromInput(call) : BoundRepeats(iRead);
 }
@@ -98,18 +100,9 @@ int TarnConnectorImpl::handle_output(ACE_HANDLE /*handle*/)
     HandlerCall call(*this);
     if (call.Session() == 0)
         return 0;
-    int iWritten = -1;
-    if (m_ulFailedSession == call.Session())
-        errno = m_iWriteError;
-    else
-        iWritten = TryWrite();
+    int iWritten = HasFailedBefore(call) ? -1 : TryWrite();
     if (iWritten == -1)
-    {
-        TarnAdapterFrmtTrace(3, "TarnConnectorImpl::handle_output : Write error(%d),handle(0x%x)\n", errno,
-                             GetHandle());
-        SwitchWriteEvents(false);
-        return Break(call, "TarnConnectorImpl::handle_output : DisConnect\n");
-    }
+        return BreakFromOutput(call);
     if (iWritten == 0)
         iWritten = WriteLastTime();
     if (iWritten == -1)
@@ -151,19 +144,24 @@ bool TarnConnectorImpl::WriteByItself()
     const HandlerCall call(*this);
     if (call.Session() == 0)
         return false;
-    int iWritten = TryWrite();
-    if (iWritten == 0)
-    {
-        const TarnGuard guard(m_SendLock);
-        iWritten = TryWrite();
-        m_bWritePending = iWritten != 0;
-    }
+    const int iWritten = TryWrite();
     if (iWritten == -1)
     {
         m_iWriteError = errno;
         m_ulFailedSession = call.Session();
     }
-    return iWritten != 0 || HasBufferedInput();
+    const TarnGuard guard(m_SendLock);
+    m_bWritePending = iWritten != 0 || !m_pOutQueue->is_empty();
+    return m_bWritePending || HasBufferedInput();
+}
+
+/// Whether a thread that wrote by itself has failed in the call's opening; errno says how.
+bool TarnConnectorImpl::HasFailedBefore(const HandlerCall& call)
+{
+    if (m_ulFailedSession != call.Session())
+        return false;
+    errno = m_iWriteError;
+    return true;
 }
 
 int TarnConnectorImpl::TryRead()
@@ -174,6 +172,14 @@ int TarnConnectorImpl::TryRead()
 int TarnConnectorImpl::TryWrite()
 {
     return WithMemory("TarnConnectorImpl::Write", -1, [this] { return Write(); });
+}
+
+int TarnConnectorImpl::BreakFromOutput(HandlerCall& call)
+{
+    TarnAdapterFrmtTrace(3, "TarnConnectorImpl::handle_output : Write error(%d),handle(0x%x)\n", errno,
+                         GetHandle());
+    SwitchWriteEvents(false);
+    return Break(call, "TarnConnectorImpl::handle_output : DisConnect\n");
 }
 
 int TarnConnectorImpl::BreakFromInput(HandlerCall& call)

@@ -47,8 +47,8 @@ enum class BreakClaim
 ///
 /// **Threads.** handle_input, handle_output and handle_close run on I/O threads; for one registration never
 /// two at a time, and a new registration waits until the calls of the old one have left, so the buffers need
-/// no lock. A thread that sends a request and waits for its answer may write by itself, which counts as such a call;
-/// framing and breaks are left to the I/O threads. handle_close also runs inside UnregisterHandle, with the reactor's token held. All else may be
+/// no lock. A thread that sends a request and then waits for its answer may write by itself, which counts as such
+/// a call; framing and breaks are left to the I/O threads. handle_close also runs inside UnregisterHandle, with the reactor's token held. All else may be
 /// called from any thread.
 ///
 /// **Life.** Owned by its facade until retired, then by the connection manager, which deletes it when nobody
@@ -224,9 +224,9 @@ public:
     /// Notes that the open session is being served, or that none is. Within the descriptor guard.
     void SetServed(bool bServed);
     bool IsServed() const { return m_ulServed != 0; }
-    /// Whether the I/O manager's registry holds the connection, served by the reactor or not.
     /// The read buffer. For handler calls.
     const InputBuffer& Input() const { return m_Input; }
+    /// Whether the I/O manager's registry holds the connection, served by the reactor or not.
     void SetRegistered(bool bRegistered) { m_bRegistered = bRegistered; }
     bool IsRegistered() const { return m_bRegistered; }
     /// Waits until no reactor call of an earlier registration is left; the calling thread's own does not
@@ -301,6 +301,8 @@ private:
     bool IsOpenForCall() TARN_EXCLUDES(m_DescriptorGuard);
     int WriteLastTime() TARN_EXCLUDES(m_SendLock);
     bool WriteByItself() TARN_EXCLUDES(m_SendLock);
+    bool HasFailedBefore(const HandlerCall& call);
+    int BreakFromOutput(HandlerCall& call);
     int BreakFromInput(HandlerCall& call);
     int Break(HandlerCall& call, const char* pszDisConnectText);
     int ConsumeFrames();

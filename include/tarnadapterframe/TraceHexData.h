@@ -23,7 +23,8 @@ enum ETarnAdpterTraceType : int
 };
 
 /// Called with the arguments of TraceHexData in place of the library's own rendering, on the tracing thread:
-/// often an I/O thread with a lock of its connection held, so it must neither block nor send. What it throws
+/// often an I/O thread with a lock of its connection held, or a thread in TarnAsn1Message::SyncHandleMessage with whatever
+/// it holds, so it must neither block nor send, nor take a lock that is held around SyncHandleMessage. What it throws
 /// is logged and goes no further.
 using TarnTraceHexDataCBFunc = void (*)(const char* pData, int iLength, int iTraceType,
                                         std::uint32_t ulThreadId);

@@ -24,11 +24,20 @@ protected:
     std::future<void> m_Answering;
 };
 
-TEST_F(Asn1Messages, AFreshOneReachesNobody)
+TEST_F(Asn1Messages, AFreshOneIsAnUnaddressedAsynchronousCommand)
 {
     TarnAsn1Message message;
+    EXPECT_EQ(message.ProtocolInstance(), TarnAsn1ProtocolAdapter::Instance());
+    EXPECT_NE(message.GetMessageSerial(), 0U);
     EXPECT_EQ(TarnAsn1Message().GetMessageSerial(), message.GetMessageSerial() + 1);
+    EXPECT_EQ(message.GetType(), COMMAND_MESSAGE);
+    EXPECT_EQ(message.GetTimeOut(), 60);
+    EXPECT_EQ(message.GetResult(), NOT_SET);
+    EXPECT_EQ(message.GetSyncFlag(), ASYNC_MESSAGE);
+    EXPECT_EQ(message.GetCommandCount(), 0);
+    EXPECT_EQ(message.GetMessageAdapterVec(), nullptr);
     EXPECT_EQ(message.GetMessageAdapter(), nullptr);
+    EXPECT_EQ(host.Lines().size(), 0U);
     TarnTarget& target = message.GetTargetId();
     EXPECT_EQ(target.GetNeId(), 0xFFFFFFFFUL);
     EXPECT_EQ(&message.GetTargetId(), &target);

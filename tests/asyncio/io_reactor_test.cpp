@@ -371,22 +371,36 @@ TEST_P(IOReactor, AnOwnCallIsACallLikeAnyOther)
             ASSERT_TRUE(begin()) << i;
             bOwnCall = true;
             EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &handler, call)) << "one is under way";
-            EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &other, call)) << "another one's";
             EXPECT_EQ(reactor.EnableWriteEvents(pair.iNear), 1);
             pair.Send(1);
             ++nSent;
             bOwnCall = false;
             reactor.EndOwnCall(call);
             ASSERT_TRUE(WaitUntil([&] { return nInputs == nSent && nOutputs == i; })) << i;
-            ASSERT_TRUE(WaitUntil([&] { return reactor.DisableWriteEvents(pair.iNear) == 0; }));
         }
         EXPECT_EQ(nMeetings, 0);
+        // By the call of a handler whose number is another one's now there is none, however idle that is.
+        ASSERT_TRUE(begin());
+        reactor.EndOwnCall(call);
+        EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &other, call));
         // Unregistered meanwhile: the end of the call touches nobody.
         ASSERT_TRUE(begin());
         EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
-        EXPECT_EQ(reactor.register_handler(pair.iNear, &other, READ | WRITE), 0);
+        std::atomic<bool> bInside{false};
+        std::atomic<bool> bLeave{false};
+        other.onInput = [&](ACE_HANDLE handle) {
+            ReadOne(handle);
+            bInside = true;
+            WaitUntil([&] { return bLeave.load(); });
+            return 0;
+        };
+        EXPECT_EQ(reactor.register_handler(pair.iNear, &other, READ), 0);
+        pair.Send(1);
+        EXPECT_TRUE(WaitUntil([&] { return bInside.load(); }));
         reactor.EndOwnCall(call);
-        EXPECT_EQ(reactor.DisableWriteEvents(pair.iNear, &other), 1);
+        TEIOReactor::Call otherCall;
+        EXPECT_FALSE(reactor.BeginOwnCall(pair.iNear, &other, otherCall)) << "the other's call is not over";
+        bLeave = true;
     }
     EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
 }

@@ -230,7 +230,6 @@ TEST_F(ConnectorMgr, AnElementThatFlapsDisturbsNobody)
     EXPECT_EQ(pSteady->UnRegister(), 0);
 }
 
-/// Through an independent program, and with every frame in many pieces.
 TEST_F(ConnectorMgr, RequestsEndAndRenewTheAttempts)
 {
     Start();

@@ -66,6 +66,26 @@ TEST_F(Messages, VirtualOperationsStandInTheirSlots)
     EXPECT_EQ(Slot(&TarnProtocolAdapter::CheckMessageValid), 7U);
 }
 
+TEST_F(Messages, NewMessageHasTheDefaults)
+{
+    class Plain : public TEMessage
+    {
+    public:
+        TEMessageAdapter* GetMessageAdapter() override { return nullptr; }
+    };
+    Plain message;
+    EXPECT_EQ(message.GetMessageSerial(), 0U);
+    EXPECT_EQ(message.GetType(), COMMAND_MESSAGE);
+    EXPECT_EQ(message.GetTimeOut(), 60);
+    EXPECT_EQ(message.ProtocolInstance(), nullptr);
+    EXPECT_EQ(message.GetCommandCount(), 0);
+    EXPECT_EQ(message.GetMessageAdapterVec(), nullptr);
+    EXPECT_EQ(message.HandleMessage(), 0);
+    message.SetSyncFlag(ASYNC_MESSAGE);
+    EXPECT_EQ(message.GetSyncFlag(), SYNC_MESSAGE);
+    EXPECT_EQ(message.GetRuntimeClass(), &TarnAdapterObject::classTarnAdapterObject);
+}
+
 TEST_F(Messages, SerialsCountFromOneAndWrapToZero)
 {
     SerialAdapter adapter(9);

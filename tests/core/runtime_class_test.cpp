@@ -48,6 +48,16 @@ std::vector<std::string> FrameworkChain()
 
 } // namespace
 
+TEST(RuntimeClasses, RootRecordHasNoFactoryAndNoBase)
+{
+    const TarnAdapterRuntimeClass& root = TarnAdapterObject::classTarnAdapterObject;
+    EXPECT_STREQ(root.m_pszClassName, "TarnAdapterObject");
+    EXPECT_EQ(root.m_nObjectSize, static_cast<int>(sizeof(TarnAdapterObject)));
+    EXPECT_EQ(root.m_nSchema, 0xFFFFU);
+    EXPECT_EQ(root.m_pBaseClass, nullptr);
+    EXPECT_EQ(root.CreateObject(), nullptr);
+}
+
 TEST(RuntimeClasses, ChainHoldsTheFrameworkRecordsNewestFirstBesideTheApplications)
 {
     EXPECT_EQ(FrameworkChain(), (std::vector<std::string>{"TarnAsn1Target", "TarnTarget", "TarnAsn1Message",
