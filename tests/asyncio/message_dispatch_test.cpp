@@ -232,7 +232,10 @@ TEST_F(MessageDispatch, AStopLetsATickGoThatWaitsForRoom)
     }
     TestMessageAdapter adapter;
     TEAsyncIOMgr& asyncIO = AsyncIO();
-    adapter.onError = [&](TEMessage*, void*, EAdapterError) { asyncIO.AddTERptMessageData(new Work({})); };
+    // However the stop finds it: waiting for room, or not there yet, and refused.
+    adapter.onError = [&](TEMessage*, void*, EAdapterError) {
+        asyncIO.AddReport(std::make_unique<Work>([] {}));
+    };
     TEAdapterManager::Instance()->RegisterPrivateMessage(new TestMessage(pAdapter, ASYNC_MESSAGE, 0),
                                                          &adapter, nullptr, 0);
     TEMessageTimer timer;
