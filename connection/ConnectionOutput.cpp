@@ -68,6 +68,7 @@ private:
     int m_iState = PTHREAD_CANCEL_ENABLE;
 };
 
+/// Null before the engine's start, and when its reactor could not be created.
 TEIOReactor* ExistingReactor()
 {
     TEAsyncIOMgrImpl* pAsyncIOMgr = TEAsyncIOMgrImpl::Existing();
@@ -111,8 +112,8 @@ int TarnConnectorImpl::AddAndSendData(const char* pData, int iLength)
         return -1;
     }
     TEIOReactor* const pReactor = SyncWaits::IsAsking() ? ExistingReactor() : nullptr;
-    const CancelledLater cancelledLater(
-        pReactor != nullptr); // what begins and ends the call may pass points of cancellation
+    // What begins and ends an own call may pass points of cancellation.
+    const CancelledLater cancelledLater(pReactor != nullptr);
     TEIOReactor::Call ownCall;
     {
         const TarnGuard guard(m_SendLock);
@@ -308,9 +309,8 @@ int TarnConnectorImpl::SendAll(const char* pBuf, int iLength, int& iError)
                 iError = errno;
             }
         }
-        if (iTaken <
-            0) // what has been sent is told first, or it would be sent again; the next attempt fails anew
-            return iSent > 0 || IsWouldBlock(iError) ? iSent : -1;
+        if (iTaken < 0)
+            return IsWouldBlock(iError) ? iSent : -1;
         iSent += static_cast<int>(iTaken);
     }
     return iSent;

@@ -48,8 +48,8 @@ enum class BreakClaim
 /// **Threads.** handle_input, handle_output and handle_close run on I/O threads; for one registration never
 /// two at a time, and a new registration waits until the calls of the old one have left, so the buffers need
 /// no lock. A thread that sends a request and then waits for its answer may write by itself, which counts as such
-/// a call; framing and breaks are left to the I/O threads. handle_close also runs inside UnregisterHandle, with the reactor's token held. All else may be
-/// called from any thread.
+/// a call; framing and breaks are left to the I/O threads. handle_close also runs inside UnregisterHandle, with the
+/// reactor's token held. All else may be called from any thread.
 ///
 /// **Life.** Owned by its facade until retired, then by the connection manager, which deletes it when nobody
 /// refers to it. References are counted twice: those that the framework's threads take (IncRef), and the pins
