@@ -1,5 +1,6 @@
 #include "asn1/SyncCon.h"
 
+#include "core/ActiveThreads.h"
 #include "core/CorrelationHold.h"
 #include "core/SyncWaits.h"
 #include "tarnadapterframe/tarntaskmgr.h"
@@ -72,6 +73,7 @@ void SyncCon::SignalAndRelease(void* pSyncCon)
 SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)
 {
     Outcome outcome = {false, 0, 0, 0};
+    ActiveThreads::NoteBlocked();
     const auto now = ACE_Monotonic_Time_Policy()();
     const ACE_Time_Value start(now.sec(), now.usec());
     // The host is asked without the mutex, which whoever brings an answer takes with the correlation lock held.

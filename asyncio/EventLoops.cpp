@@ -27,6 +27,7 @@ void TEAsyncIOMgrImpl::RunEventLoop()
         return;
     }
     const ThreadCount::Inside inside(m_LoopThreads);
+    const ActiveThreads::Member member(m_ActiveLoops);
     RunReactorLoop(
         *pReactor, [this] { m_ThreadStart.Announce(); }, [this] { BreakDropped(); });
 }

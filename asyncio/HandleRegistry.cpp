@@ -294,6 +294,7 @@ void TEAsyncIOMgrImpl::BreakDropped()
 {
     if (!m_bDropped)
         return;
+    const ActiveThreads::Turn turn;
     std::vector<TarnConnectorImpl*> dropped;
     {
         const std::lock_guard<std::mutex> guard(m_DroppedMutex);

@@ -49,6 +49,7 @@ void TEAsyncIOMgrImpl::RunRspMessageLoop()
     }
     const ThreadCount::Inside inside(m_AppThreads);
     m_ThreadStart.Announce();
+    const ActiveThreads::Member member(m_ActiveResponses);
     HandleMessages(*pQueue);
 }
 
@@ -73,8 +74,11 @@ void TEAsyncIOMgrImpl::RunRptMessageLoop()
 /// Until a stop entry comes, or the application is exiting.
 void TEAsyncIOMgrImpl::HandleMessages(ACE_Message_Queue<ACE_MT_SYNCH>& queue)
 {
-    while (!TarnAppIsExit())
+    for (;;)
     {
+        ActiveThreads::AwaitTurn();
+        if (TarnAppIsExit())
+            return;
         ACE_Message_Block* pBlock = nullptr;
         if (queue.dequeue(pBlock) == -1 && pBlock == nullptr)
             continue;
@@ -84,6 +88,7 @@ void TEAsyncIOMgrImpl::HandleMessages(ACE_Message_Queue<ACE_MT_SYNCH>& queue)
         FreeEntryBlock(pBlock);
         if (bStop)
             return;
+        const ActiveThreads::Turn turn;
         if (pMessage != nullptr)
             HandleAndDelete(pMessage);
     }

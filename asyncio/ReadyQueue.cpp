@@ -1,10 +1,13 @@
 #include "asyncio/ReadyQueue.h"
 
+#include "core/ActiveThreads.h"
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <new>
 
 namespace {
@@ -15,6 +18,9 @@ constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
 // What the kernel keeps for each descriptor: the handle and its generation. Generation 0 is nobody's: of the two events, and of
 // a handle between its adding and its first decision, which is told right after.
 constexpr std::uint64_t NO_HANDLE = 0;
+
+// A wait that has taken longer was one.
+constexpr auto BRIEF_WAIT = std::chrono::microseconds(20);
 
 std::uint64_t Pack(ACE_HANDLE handle, std::uint32_t ulGeneration)
 {
@@ -87,8 +93,11 @@ int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
     const int iWaitMs = m_nPosted != 0 ? 0 : iTimeoutMs;
     // One at a time: whoever waits takes the next one, while this thread may be inside its call for long.
     epoll_event event{};
+    const auto tBefore = std::chrono::steady_clock::now();
     const int iReady = epoll_wait(m_Epoll, &event, 1, iWaitMs);
     const int iError = errno;
+    if (std::chrono::steady_clock::now() - tBefore > BRIEF_WAIT)
+        ActiveThreads::NoteIdle();
     --m_nWaiting;
     if (iReady == 1 && event.data.u64 != NO_HANDLE)
     {

@@ -1,5 +1,7 @@
 #include "asyncio/Response_Message_Queue.h"
 
+#include "core/ActiveThreads.h"
+
 #include <cerrno>
 
 /// Counts a thread that waits, also when it is ended in its wait.
@@ -28,6 +30,7 @@ int Response_Message_Queue::wait_not_empty_cond(ACE_Time_Value* pTimeout)
     while (is_empty_i())
     {
         const Waiting waiting(*this);
+        ActiveThreads::NoteIdle();
         const int iWaited = not_empty_cond_.wait(pTimeout);
         const int iError = errno;
         if (iWaited == -1 || state_ != ACE_Message_Queue_Base::ACTIVATED)

@@ -1,6 +1,7 @@
 #ifndef TARN_ASYNCIO_TEASYNCIOMGRIMPL_H
 #define TARN_ASYNCIO_TEASYNCIOMGRIMPL_H
 
+#include "core/ActiveThreads.h"
 #include "core/LibraryThread.h"
 #include "core/StopGate.h"
 #include "core/ThreadCount.h"
@@ -160,6 +161,8 @@ private:
     int m_nRspThreads = 0;
     int m_nRptThreads = 0;
 
+    ActiveThreads m_ActiveLoops;     // of the I/O reactor's
+    ActiveThreads m_ActiveResponses; // of the response queue's
     ThreadStart m_ThreadStart;
     int m_nSpawned = 0; // Init's own
     ThreadCount m_LoopThreads;

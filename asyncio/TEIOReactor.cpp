@@ -1,5 +1,7 @@
 #include "asyncio/TEIOReactor.h"
 
+#include "core/ActiveThreads.h"
+
 #include <ace/Event_Handler.h>
 #include <ace/Guard_T.h>
 #include <ace/Time_Value.h>
@@ -149,6 +151,7 @@ int TEIOReactor::notify(ACE_Event_Handler* pHandler, ACE_Reactor_Mask /*mask*/, 
 
 void TEIOReactor::Serve(const ReadyQueue::Ready& ready)
 {
+    const ActiveThreads::Turn turn;
     Call call;
     if (!BeginCall(ready, call))
         return;

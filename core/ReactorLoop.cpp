@@ -1,5 +1,6 @@
 #include "core/ReactorLoop.h"
 
+#include "core/ActiveThreads.h"
 #include "core/ReactorDescriptors.h"
 #include "core/StoppableReactor.h"
 #include "platform/tarnplatform.h"
@@ -43,6 +44,7 @@ void RunReactorLoop(ACE_Reactor& reactor, const std::function<void()>& started,
     started();
     while (reactor.reactor_event_loop_done() == 0)
     {
+        ActiveThreads::AwaitTurn();
         // A reactor that fails at once, again and again, must not take a processor with it.
         if (reactor.handle_events() == -1 && errno != EINTR && reactor.reactor_event_loop_done() == 0)
             Sleep(ERROR_PAUSE_MS);
