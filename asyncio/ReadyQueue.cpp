@@ -19,6 +19,8 @@ constexpr ACE_Reactor_Mask WRITE = ACE_Event_Handler::WRITE_MASK;
 // a handle between its adding and its first decision, which is told right after.
 constexpr std::uint64_t NO_HANDLE = 0;
 
+// Of a thread's turns each so many-th is for what has been posted before what the kernel announces; the others the other way round.
+constexpr unsigned POSTED_TURN = 8;
 // A wait that has taken longer was one.
 constexpr auto BRIEF_WAIT = std::chrono::microseconds(20);
 
@@ -83,10 +85,9 @@ ReadyQueue::~ReadyQueue()
 
 int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
 {
-    // The posted ones and the kernel's in turn: while something can be read, what is to be written gathers.
-    thread_local bool t_bKernelsTurn = false;
-    t_bKernelsTurn = !t_bKernelsTurn;
-    if (!t_bKernelsTurn && TakePosted(ready))
+    // While something can be read, what is to be written gathers, and goes out together.
+    thread_local unsigned t_uTurns = 0;
+    if (++t_uTurns % POSTED_TURN == 0 && TakePosted(ready))
         return 1;
     // Whoever posts looks at the number of waiting threads afterwards, and so do they at what is posted.
     ++m_nWaiting;

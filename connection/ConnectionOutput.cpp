@@ -261,7 +261,9 @@ bool TarnConnectorImpl::TakeNextBlock()
         m_pWriteBlock = std::move(pBlock);
     else
     {
-        m_WriteBuffer.insert(m_WriteBuffer.end(), pBytes, pBytes + uLength);
+        // Of the buffer's own type: otherwise they are copied one by one.
+        const auto* pUnsigned = reinterpret_cast<const unsigned char*>(pBytes);
+        m_WriteBuffer.insert(m_WriteBuffer.end(), pUnsigned, pUnsigned + uLength);
         m_pToWrite = reinterpret_cast<const char*>(m_WriteBuffer.data());
     }
     m_uToWrite += uLength;

@@ -1,19 +1,28 @@
 #include "core/ActiveThreads.h"
 
+#include <pthread.h>
+#include <time.h>
+
 namespace {
 
-// A look costs some microseconds. Whoever blocks without saying so is replaced at the second of them at the latest.
-constexpr auto NEXT_LOOK = std::chrono::milliseconds(1);
-constexpr auto NEXT_LOOK_IDLE = std::chrono::milliseconds(5); // when the active threads have had pauses
-// Turns that take so long on average are worth another thread.
-constexpr auto SLOW_TURN = std::chrono::microseconds(100);
-// Of so many turns below that average, counted while several threads are active, each was brief.
-constexpr auto BRIEF_TURN = std::chrono::microseconds(50);
-constexpr unsigned TURNS_CHECKED = 16;
+// Whoever waits in its turn without saying so is replaced at the second look at the latest. It is longer than the scheduler
+// usually keeps a thread waiting that could run.
+constexpr auto NEXT_LOOK = std::chrono::milliseconds(4);
 // After so many looks that have seen nothing done, the sentinel looks no more.
-constexpr int QUIET_LOOKS = 8;
+constexpr int QUIET_LOOKS = 4;
+// Turns that take a processor for so long on average are worth another thread.
+constexpr auto LONG_TURN = std::chrono::microseconds(200);
+// A thread that has a processor for a smaller part of its turns than one in so many waits in them.
+constexpr int WAITING_PART = 8;
+// While several threads are active each judges so many of its turns together.
+constexpr unsigned TURNS_JUDGED = 8;
 
 thread_local ActiveThreads::Member* t_pMember = nullptr;
+
+bool IsWaiting(std::chrono::nanoseconds processor, std::chrono::nanoseconds passed)
+{
+    return processor * WAITING_PART < passed;
+}
 
 } // namespace
 
@@ -23,6 +32,8 @@ thread_local ActiveThreads::Member* t_pMember = nullptr;
 ActiveThreads::Member::Member(ActiveThreads& threads)
     : m_Threads(threads)
 {
+    if (pthread_getcpuclockid(pthread_self(), &m_ProcessorClock) != 0)
+        m_ProcessorClock = CLOCK_MONOTONIC;
     m_Threads.Enter(*this);
     t_pMember = this;
 }
@@ -31,6 +42,26 @@ ActiveThreads::Member::~Member()
 {
     t_pMember = nullptr;
     m_Threads.Leave(*this);
+}
+
+/// What the thread has had of a processor.
+std::chrono::nanoseconds ActiveThreads::Member::ProcessorTime() const
+{
+    timespec time{};
+    clock_gettime(m_ProcessorClock, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+/// Begins a new judgement of the thread's turns. @return whether those since the last one were brief
+bool ActiveThreads::Member::JudgeTurns()
+{
+    const std::chrono::nanoseconds now = ProcessorTime();
+    const std::chrono::nanoseconds processor = now - m_ProcessorJudged;
+    const bool bBrief = m_uTimed != 0 && processor < m_uTimed * LONG_TURN && !IsWaiting(processor, m_Busy);
+    m_ProcessorJudged = now;
+    m_Busy = {};
+    m_uTimed = 0;
+    return bBrief;
 }
 
 void ActiveThreads::Member::BeginTurn()
@@ -71,7 +102,7 @@ void ActiveThreads::AwaitTurn()
     if (pMember == nullptr)
         return;
     ActiveThreads& threads = pMember->m_Threads;
-    if (!pMember->m_bActive || (pMember->m_uTimed >= TURNS_CHECKED && threads.m_nActive > 1))
+    if (!pMember->m_bActive || (pMember->m_uTimed >= TURNS_JUDGED && threads.m_nActive > 1))
         threads.Settle(*pMember);
 }
 
@@ -122,10 +153,7 @@ void ActiveThreads::Settle(Member& member)
     Lock lock(m_Mutex);
     if (member.m_bActive)
     {
-        const bool bBrief = member.m_Busy < TURNS_CHECKED * BRIEF_TURN;
-        member.m_Busy = {};
-        member.m_uTimed = 0;
-        if (!bBrief || !IsSurplus(member))
+        if (!member.JudgeTurns() || !IsSurplus(member))
             return;
         member.m_bActive = false;
         --m_nActive;
@@ -157,7 +185,7 @@ void ActiveThreads::StandBy(Member& member, Lock& lock)
     {
         if (m_pSentinel != &member || m_bCalm)
             member.m_Wake.wait(lock);
-        else if (member.m_Wake.wait_until(lock, m_tLook + (m_bIdle ? NEXT_LOOK_IDLE : NEXT_LOOK)) == std::cv_status::timeout &&
+        else if (member.m_Wake.wait_until(lock, m_tLook + NEXT_LOOK) == std::cv_status::timeout &&
                  m_pSentinel == &member)
             Look();
     }
@@ -168,6 +196,7 @@ void ActiveThreads::Look()
 {
     const Clock::time_point tNow = Clock::now();
     unsigned uTurns = 0;
+    std::chrono::nanoseconds processor{};
     bool bIdle = false;
     for (Member* pMember = m_pMembers; pMember != nullptr; pMember = pMember->m_pNext)
     {
@@ -175,15 +204,17 @@ void ActiveThreads::Look()
             continue;
         const unsigned uTurnsNow = pMember->m_uTurns;
         const unsigned uIdlesNow = pMember->m_uIdles;
+        const std::chrono::nanoseconds processorNow = pMember->ProcessorTime();
         uTurns += uTurnsNow - pMember->m_uTurnsSeen;
+        processor += processorNow - pMember->m_ProcessorSeen;
         bIdle = bIdle || !pMember->m_bBusy || uIdlesNow != pMember->m_uIdlesSeen;
         pMember->m_uTurnsSeen = uTurnsNow;
         pMember->m_uIdlesSeen = uIdlesNow;
+        pMember->m_ProcessorSeen = processorNow;
     }
     const Clock::duration passed = tNow - m_tLook;
     m_tLook = tNow;
-    m_bIdle = bIdle;
-    if (!bIdle && uTurns * SLOW_TURN < passed * m_nActive.load())
+    if (!bIdle && (processor > (uTurns + 1) * LONG_TURN || IsWaiting(processor, passed * m_nActive.load())))
     {
         Activate(*m_pSentinel);
         return;
@@ -218,7 +249,6 @@ void ActiveThreads::SetSentinel(Member* pMember)
     m_pSentinel = pMember;
     m_bCalm = false;
     m_nQuiet = 0;
-    m_bIdle = false;
     m_tLook = Clock::now();
     if (pMember != nullptr)
         pMember->m_Wake.notify_one();

@@ -1,6 +1,8 @@
 #ifndef TARN_CORE_ACTIVETHREADS_H
 #define TARN_CORE_ACTIVETHREADS_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -36,8 +38,11 @@ public:
         friend class ActiveThreads;
         void BeginTurn();
         void EndTurn();
+        std::chrono::nanoseconds ProcessorTime() const;
+        bool JudgeTurns();
 
         ActiveThreads& m_Threads;
+        clockid_t m_ProcessorClock;
 
         // Written by its thread only.
         std::atomic<unsigned> m_uTurns{0}; // begun
@@ -46,13 +51,15 @@ public:
 
         // Its thread's: while it is not the only one that is active.
         std::chrono::steady_clock::time_point m_tTurn;
-        std::chrono::steady_clock::duration m_Busy{};
+        std::chrono::nanoseconds m_Busy{};
+        std::chrono::nanoseconds m_ProcessorJudged{};
         unsigned m_uTimed = 0;
 
         // Guarded by the threads' mutex.
         bool m_bActive = false; // read by its thread without it: nobody else makes an active one stand by
         unsigned m_uTurnsSeen = 0;
         unsigned m_uIdlesSeen = 0;
+        std::chrono::nanoseconds m_ProcessorSeen{};
         unsigned m_uTurnsChecked = 0;
         std::condition_variable m_Wake;
         Member* m_pNext = nullptr;
@@ -103,7 +110,6 @@ private:
     Member* m_pMembers = nullptr;     // guarded by it, as what follows
     Member* m_pSentinel = nullptr;    // one that stands by, if any does
     Clock::time_point m_tLook;        // the sentinel's last look
-    bool m_bIdle = false;             // that look has seen an active thread without work
     int m_nQuiet = 0;                 // looks since something was done
     std::atomic<int> m_nActive{0};    // changed within the mutex
     std::atomic<bool> m_bCalm{false}; // the sentinel does not look; changed within the mutex
