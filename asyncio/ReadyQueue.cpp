@@ -85,7 +85,7 @@ ReadyQueue::~ReadyQueue()
 
 int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
 {
-    // While something can be read, what is to be written gathers, and goes out together.
+    // While something can be read, what is to be written gathers, and goes out together; but no more than seven turns long.
     thread_local unsigned t_uTurns = 0;
     if (++t_uTurns % POSTED_TURN == 0 && TakePosted(ready))
         return 1;

@@ -86,6 +86,9 @@ public:
     /// The calling thread, if it is a member, is going to wait inside its turn for what another one does.
     static void NoteBlocked();
 
+    /// Nothing has been done for a while, and nobody looks until something is.
+    bool IsCalm() const { return m_bCalm; }
+
 private:
     using Clock = std::chrono::steady_clock;
     using Lock = std::unique_lock<std::mutex>;

@@ -336,6 +336,46 @@ TEST_P(IOReactor, SwitchingBesideCallsLosesNothing)
     EXPECT_EQ(reactor.remove_handler(pair.iNear, ALL | DONT_CALL), 0);
 }
 
+// Neither reading nor writing that never ends keeps a thread from the other.
+TEST_P(IOReactor, OneOfEightTurnsIsForWritingWhileThereIsMuchToRead)
+{
+    SocketPair toRead;
+    SocketPair toWrite;
+    Handler reader;
+    Handler writer;
+    int nInputs = 0;
+    int nOutputs = 0;
+    reader.onInput = [&](ACE_HANDLE) { // and leaves the byte where it is
+        ++nInputs;
+        return 0;
+    };
+    writer.onOutput = [&](ACE_HANDLE handle) {
+        ++nOutputs;
+        reactor.DisableWriteEvents(handle);
+        return 0;
+    };
+    ASSERT_EQ(reactor.register_handler(toRead.iNear, &reader, READ), 0);
+    ASSERT_EQ(reactor.register_handler(toWrite.iNear, &writer, READ), 0);
+    ASSERT_EQ(send(toRead.iFar, "x", 1, 0), 1);
+    for (int i = 0; i < 80; ++i)
+    {
+        reactor.EnableWriteEvents(toWrite.iNear);
+        ASSERT_EQ(reactor.handle_events(), 1);
+    }
+    EXPECT_EQ(nOutputs + nInputs, 80);
+    EXPECT_GE(nOutputs, 10);
+    EXPECT_LE(nOutputs, 12) << "one more whenever the handles are looked over";
+    reactor.remove_handler(toRead.iNear, READ | DONT_CALL);
+    const int nBefore = nOutputs;
+    for (int i = 0; i < 3; ++i)
+    {
+        reactor.EnableWriteEvents(toWrite.iNear);
+        reactor.handle_events();
+    }
+    EXPECT_EQ(nOutputs, nBefore + 3) << "with nothing to read";
+    reactor.remove_handler(toWrite.iNear, ALL | DONT_CALL);
+}
+
 // A call by a thread that is none of the reactor's keeps the others out, and nothing that happens meanwhile is lost.
 TEST_P(IOReactor, AnOwnCallIsACallLikeAnyOther)
 {
