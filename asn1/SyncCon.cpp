@@ -73,7 +73,6 @@ void SyncCon::SignalAndRelease(void* pSyncCon)
 SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::function<bool()>& isDone)
 {
     Outcome outcome = {false, 0, 0, 0};
-    ActiveThreads::NoteBlocked();
     const auto now = ACE_Monotonic_Time_Policy()();
     const ACE_Time_Value start(now.sec(), now.usec());
     // The host is asked without the mutex, which whoever brings an answer takes with the correlation lock held.
@@ -89,6 +88,8 @@ SyncCon::Outcome SyncCon::Wait(const std::function<int()>& timeOut, const std::f
         const ACE_Time_Value deadline = start + ACE_Time_Value(outcome.iTicks);
         // A wake-up that nothing caused goes on waiting for the same tick.
         int iWait = 0;
+        if (outcome.iTicks == 1 && !isDone())
+            ActiveThreads::NoteBlocked();
         while (!isDone() && !IsStopping() && iWait != -1)
             iWait = m_pCondition->wait(&deadline);
         outcome.bSignalled = isDone();

@@ -87,6 +87,9 @@ void TEAsyncIOMgrImpl::StopOnce()
     m_RegisterGate.ShutAndWait();
     DeleteRecycler();
     RemoveAllHandlers();
+    // A handler that blocks must not keep the threads that stand by from the end.
+    m_ActiveLoops.ActivateAll();
+    m_ActiveResponses.ActivateAll();
     EndLoops();
     m_ProducerGate.Shut(); // what is queued behind the stop entries is not handled any more
     try

@@ -21,6 +21,9 @@ constexpr std::uint64_t NO_HANDLE = 0;
 
 // Of a thread's turns each so many-th is for what has been posted before what the kernel announces; the others the other way round.
 constexpr unsigned POSTED_TURN = 8;
+// The last of so many then waits some tens of milliseconds; beyond that it would be too long for those who wait for room.
+constexpr std::size_t MANY_POSTED = 1000;
+constexpr unsigned POSTED_TURN_MANY = 2;
 // A wait that has taken longer was one.
 constexpr auto BRIEF_WAIT = std::chrono::microseconds(20);
 
@@ -85,9 +88,9 @@ ReadyQueue::~ReadyQueue()
 
 int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
 {
-    // While something can be read, what is to be written gathers, and goes out together; but no more than seven turns long.
+    // While something can be read, what is to be written gathers, and goes out together.
     thread_local unsigned t_uTurns = 0;
-    if (++t_uTurns % POSTED_TURN == 0 && TakePosted(ready))
+    if (++t_uTurns % (m_nPosted > MANY_POSTED ? POSTED_TURN_MANY : POSTED_TURN) == 0 && TakePosted(ready))
         return 1;
     // Whoever posts looks at the number of waiting threads afterwards, and so do they at what is posted.
     ++m_nWaiting;
@@ -97,7 +100,7 @@ int ReadyQueue::Wait(int iTimeoutMs, Ready& ready)
     const auto tBefore = std::chrono::steady_clock::now();
     const int iReady = epoll_wait(m_Epoll, &event, 1, iWaitMs);
     const int iError = errno;
-    if (std::chrono::steady_clock::now() - tBefore > BRIEF_WAIT)
+    if (iWaitMs != 0 && std::chrono::steady_clock::now() - tBefore > BRIEF_WAIT)
         ActiveThreads::NoteIdle();
     --m_nWaiting;
     if (iReady == 1 && event.data.u64 != NO_HANDLE)

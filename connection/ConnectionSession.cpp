@@ -1,6 +1,7 @@
 #include "asyncio/TEAsyncIOMgrImpl.h"
 #include "connection/HandlerCall.h"
 #include "connection/TarnConnectorImpl.h"
+#include "core/ActiveThreads.h"
 
 #include <ace/Thread.h>
 
@@ -160,6 +161,8 @@ bool TarnConnectorImpl::WaitForOldCalls(std::chrono::milliseconds timeout)
 {
     const int nOwn = HandlerCall::CurrentOf(*this) != nullptr ? 1 : 0;
     std::unique_lock<std::mutex> lock(m_PinMutex);
+    if (m_nReactorPins > nOwn)
+        ActiveThreads::NoteBlocked();
     return m_PinReleased.wait_for(lock, timeout, [&] { return m_nReactorPins <= nOwn; });
 }
 

@@ -4,6 +4,7 @@
 #include "connection/HandlerCall.h"
 #include "connection/TarnConnectorImpl.h"
 #include "connection/TarnConnectorMgrImpl.h"
+#include "core/ActiveThreads.h"
 #include "core/ApplicationCall.h"
 #include "core/LogArguments.h"
 #include "tarnadapterframe/TarnAdapterTrace.h"
@@ -274,6 +275,8 @@ void TarnConnectorMgrImpl::WaitForUses(const ConnectorUses& uses)
     {
         const auto bUnused = [&] { return uses.nHooks == 0 && (t_nLentDepth > 0 || uses.nLent == 0); };
         std::unique_lock<std::mutex> lock(Hooks().mutex);
+        if (!bUnused())
+            ActiveThreads::NoteBlocked();
         while (!Hooks().left.wait_for(lock, HOOK_POLL, bUnused))
         {
             const int nHooks = uses.nHooks;

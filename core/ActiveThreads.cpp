@@ -3,25 +3,34 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <algorithm>
+
 namespace {
 
 // Whoever waits in its turn without saying so is replaced at the second look at the latest. It is longer than the scheduler
 // usually keeps a thread waiting that could run.
 constexpr auto NEXT_LOOK = std::chrono::milliseconds(4);
-// After so many looks that have seen nothing done, the sentinel looks no more.
-constexpr int QUIET_LOOKS = 4;
 // Turns that take a processor for so long on average are worth another thread.
-constexpr auto LONG_TURN = std::chrono::microseconds(200);
+constexpr auto LONG_TURN = std::chrono::microseconds(100);
+// Turns that last so long, waiting included.
+constexpr auto LONG_WAIT = std::chrono::microseconds(1000);
 // A thread that has a processor for a smaller part of its turns than one in so many waits in them.
 constexpr int WAITING_PART = 8;
-// While several threads are active each judges so many of its turns together.
+// While several threads are active each judges so many of its turns together at least, and so long.
 constexpr unsigned TURNS_JUDGED = 8;
+constexpr auto JUDGED_TIME = NEXT_LOOK;
+// For so long nobody stands by after the sentinel has become active; twice as long each time that this has been too short.
+constexpr auto SHORTEST_KEEP = std::chrono::milliseconds(20);
+constexpr auto LONGEST_KEEP = std::chrono::seconds(2);
+constexpr auto KEEP_FORGOTTEN = std::chrono::seconds(1);
 
 thread_local ActiveThreads::Member* t_pMember = nullptr;
 
-bool IsWaiting(std::chrono::nanoseconds processor, std::chrono::nanoseconds passed)
+/// Of turns that a thread has begun: whether they compute for long, or wait.
+bool AreLong(unsigned uTurns, std::chrono::nanoseconds processor, std::chrono::nanoseconds passed)
 {
-    return processor * WAITING_PART < passed;
+    return processor > (uTurns + 1) * LONG_TURN || passed > (uTurns + 1) * LONG_WAIT ||
+           processor * WAITING_PART < passed;
 }
 
 } // namespace
@@ -52,14 +61,11 @@ std::chrono::nanoseconds ActiveThreads::Member::ProcessorTime() const
     return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-/// Begins a new judgement of the thread's turns. @return whether those since the last one were brief
+/// Whether the turns that have been timed were brief; others are judged next.
 bool ActiveThreads::Member::JudgeTurns()
 {
-    const std::chrono::nanoseconds now = ProcessorTime();
-    const std::chrono::nanoseconds processor = now - m_ProcessorJudged;
-    const bool bBrief = m_uTimed != 0 && processor < m_uTimed * LONG_TURN && !IsWaiting(processor, m_Busy);
-    m_ProcessorJudged = now;
-    m_Busy = {};
+    const std::chrono::nanoseconds processor = ProcessorTime() - m_ProcessorJudged;
+    const bool bBrief = !AreLong(m_uTimed, processor, m_Busy);
     m_uTimed = 0;
     return bBrief;
 }
@@ -71,7 +77,18 @@ void ActiveThreads::Member::BeginTurn()
     m_bBusy = true;
     if (m_Threads.m_bCalm)
         m_Threads.Rouse();
-    m_tTurn = m_Threads.m_nActive > 1 ? Clock::now() : Clock::time_point();
+    if (m_Threads.m_nActive == 1)
+    {
+        m_tTurn = {};
+        m_uTimed = 0;
+        return;
+    }
+    m_tTurn = Clock::now();
+    if (m_uTimed != 0)
+        return;
+    m_tJudged = m_tTurn;
+    m_ProcessorJudged = ProcessorTime();
+    m_Busy = {};
 }
 
 void ActiveThreads::Member::EndTurn()
@@ -84,7 +101,8 @@ void ActiveThreads::Member::EndTurn()
 }
 
 ActiveThreads::Turn::Turn()
-    : m_pMember(t_pMember)
+    : m_pMember(t_pMember != nullptr && !t_pMember->m_bBusy ? t_pMember
+                                                            : nullptr) // inside another turn: that goes on
 {
     if (m_pMember != nullptr)
         m_pMember->BeginTurn();
@@ -102,20 +120,23 @@ void ActiveThreads::AwaitTurn()
     if (pMember == nullptr)
         return;
     ActiveThreads& threads = pMember->m_Threads;
-    if (!pMember->m_bActive || (pMember->m_uTimed >= TURNS_JUDGED && threads.m_nActive > 1))
+    const bool bJudge =
+        pMember->m_uTimed >= TURNS_JUDGED && pMember->m_tTurn - pMember->m_tJudged >= JUDGED_TIME;
+    if (!pMember->m_bActive || (bJudge && threads.m_nActive > 1))
         threads.Settle(*pMember);
 }
 
 void ActiveThreads::NoteIdle()
 {
-    if (Member* pMember = t_pMember)
+    Member* pMember = t_pMember;
+    if (pMember != nullptr && !pMember->m_bBusy)
         pMember->m_uIdles.store(pMember->m_uIdles.load(std::memory_order_relaxed) + 1,
                                 std::memory_order_relaxed);
 }
 
 void ActiveThreads::NoteBlocked()
 {
-    const Member* pMember = t_pMember;
+    Member* pMember = t_pMember;
     if (pMember != nullptr && pMember->m_bBusy)
         pMember->m_Threads.ReplaceBlocked(*pMember);
 }
@@ -128,8 +149,16 @@ void ActiveThreads::Enter(Member& member)
     const Lock lock(m_Mutex);
     member.m_pNext = m_pMembers;
     m_pMembers = &member;
-    if (m_nActive == 0)
+    if (m_nActive == 0 || m_bEnding)
         Activate(member);
+}
+
+void ActiveThreads::ActivateAll()
+{
+    const Lock lock(m_Mutex);
+    m_bEnding = true;
+    while (Member* pMember = FindStandingBy())
+        Activate(*pMember);
 }
 
 void ActiveThreads::Leave(Member& member)
@@ -153,21 +182,23 @@ void ActiveThreads::Settle(Member& member)
     Lock lock(m_Mutex);
     if (member.m_bActive)
     {
-        if (!member.JudgeTurns() || !IsSurplus(member))
+        member.m_bGetsAlong = member.JudgeTurns();
+        if (!member.m_bGetsAlong || m_bEnding || Clock::now() < m_tKeep || !IsSurplus(member))
             return;
+        member.m_bGetsAlong = false;
         member.m_bActive = false;
         --m_nActive;
     }
     StandBy(member, lock);
 }
 
-/// Whether another active thread waits for work, or has got on since this was asked last.
+/// Whether another active thread gets along, and waits for work or has got on since this was asked last.
 bool ActiveThreads::IsSurplus(Member& member)
 {
     bool bSurplus = false;
     for (Member* pOther = m_pMembers; pOther != nullptr; pOther = pOther->m_pNext)
     {
-        if (pOther == &member || !pOther->m_bActive)
+        if (pOther == &member || !pOther->m_bActive || !pOther->m_bGetsAlong)
             continue;
         const unsigned uTurns = pOther->m_uTurns;
         if (!pOther->m_bBusy || uTurns != pOther->m_uTurnsChecked)
@@ -195,36 +226,45 @@ void ActiveThreads::StandBy(Member& member, Lock& lock)
 void ActiveThreads::Look()
 {
     const Clock::time_point tNow = Clock::now();
-    unsigned uTurns = 0;
-    std::chrono::nanoseconds processor{};
-    bool bIdle = false;
-    for (Member* pMember = m_pMembers; pMember != nullptr; pMember = pMember->m_pNext)
-    {
-        if (!pMember->m_bActive)
-            continue;
-        const unsigned uTurnsNow = pMember->m_uTurns;
-        const unsigned uIdlesNow = pMember->m_uIdles;
-        const std::chrono::nanoseconds processorNow = pMember->ProcessorTime();
-        uTurns += uTurnsNow - pMember->m_uTurnsSeen;
-        processor += processorNow - pMember->m_ProcessorSeen;
-        bIdle = bIdle || !pMember->m_bBusy || uIdlesNow != pMember->m_uIdlesSeen;
-        pMember->m_uTurnsSeen = uTurnsNow;
-        pMember->m_uIdlesSeen = uIdlesNow;
-        pMember->m_ProcessorSeen = processorNow;
-    }
-    const Clock::duration passed = tNow - m_tLook;
+    const Seen seen = SeeActive(tNow - m_tLook);
     m_tLook = tNow;
-    if (!bIdle && (processor > (uTurns + 1) * LONG_TURN || IsWaiting(processor, passed * m_nActive.load())))
+    if (seen.bNeeded)
     {
+        m_Keep = tNow - m_tKeep < KEEP_FORGOTTEN ? std::min<Clock::duration>(2 * m_Keep, LONGEST_KEEP)
+                                                 : SHORTEST_KEEP;
+        m_tKeep = tNow + m_Keep;
+        for (Member* pMember = m_pMembers; pMember != nullptr; pMember = pMember->m_pNext)
+            pMember->m_bGetsAlong = false;
         Activate(*m_pSentinel);
         return;
     }
-    m_nQuiet = uTurns == 0 ? m_nQuiet + 1 : 0;
-    if (m_nQuiet < QUIET_LOOKS)
+    if (seen.bTurns || IsAnyBusy())
         return;
     m_bCalm = true;
     if (IsAnyBusy()) // and may have looked before
         m_bCalm = false;
+}
+
+/// What the active threads have done since this was asked last.
+ActiveThreads::Seen ActiveThreads::SeeActive(Clock::duration passed)
+{
+    Seen seen;
+    for (Member* pMember = m_pMembers; pMember != nullptr; pMember = pMember->m_pNext)
+    {
+        if (!pMember->m_bActive)
+            continue;
+        const unsigned uTurns = pMember->m_uTurns;
+        const unsigned uIdles = pMember->m_uIdles;
+        const std::chrono::nanoseconds processor = pMember->ProcessorTime();
+        const bool bIdle = !pMember->m_bBusy || uIdles != pMember->m_uIdlesSeen;
+        seen.bTurns = seen.bTurns || uTurns != pMember->m_uTurnsSeen;
+        seen.bNeeded = seen.bNeeded && !bIdle &&
+                       AreLong(uTurns - pMember->m_uTurnsSeen, processor - pMember->m_ProcessorSeen, passed);
+        pMember->m_uTurnsSeen = uTurns;
+        pMember->m_uIdlesSeen = uIdles;
+        pMember->m_ProcessorSeen = processor;
+    }
+    return seen;
 }
 
 bool ActiveThreads::IsAnyBusy() const
@@ -248,27 +288,33 @@ void ActiveThreads::SetSentinel(Member* pMember)
 {
     m_pSentinel = pMember;
     m_bCalm = false;
-    m_nQuiet = 0;
+    if (pMember == nullptr)
+        return;
     m_tLook = Clock::now();
-    if (pMember != nullptr)
-        pMember->m_Wake.notify_one();
+    SeeActive({});
+    pMember->m_Wake.notify_one();
 }
 
 void ActiveThreads::Activate(Member& member)
 {
     member.m_bActive = true;
+    member.m_uTurnsSeen = member.m_uTurns;
+    member.m_uIdlesSeen = member.m_uIdles;
+    member.m_ProcessorSeen = member.ProcessorTime();
     ++m_nActive;
     member.m_Wake.notify_one();
     if (m_pSentinel == &member)
         SetSentinel(FindStandingBy());
 }
 
+/// Not the sentinel, if there is another one. Null: none does.
 ActiveThreads::Member* ActiveThreads::FindStandingBy()
 {
+    Member* pFound = nullptr;
     for (Member* pMember = m_pMembers; pMember != nullptr; pMember = pMember->m_pNext)
-        if (!pMember->m_bActive)
-            return pMember;
-    return nullptr;
+        if (!pMember->m_bActive && (pFound == nullptr || pFound == m_pSentinel))
+            pFound = pMember;
+    return pFound;
 }
 
 void ActiveThreads::ActivateOne()
@@ -277,9 +323,10 @@ void ActiveThreads::ActivateOne()
         Activate(*pMember);
 }
 
-void ActiveThreads::ReplaceBlocked(const Member& member)
+void ActiveThreads::ReplaceBlocked(Member& member)
 {
     const Lock lock(m_Mutex);
+    member.m_bGetsAlong = false;
     for (const Member* pOther = m_pMembers; pOther != nullptr; pOther = pOther->m_pNext)
         if (pOther != &member && pOther->m_bActive && !pOther->m_bBusy)
             return; // looks for work

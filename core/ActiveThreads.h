@@ -12,10 +12,10 @@
 ///
 /// Where each piece of work takes microseconds, a second thread beside the first makes it slower: what both touch goes to and
 /// fro between two processors, which costs more than the work. So one thread goes on as long as it gets along, and the others
-/// stand by. One of these, the sentinel, looks every TICK. When all active threads are inside their work, have been
-/// busy ever since the last look and get on slowly, because the application blocks or works for long, it becomes active itself. A thread that
-/// waits for another one inside its work says so, and is replaced at once. An active thread whose turns are brief stands by as
-/// soon as another active one goes on without it. While nothing is to be done nobody looks.
+/// stand by. One of these, the sentinel, looks every few milliseconds while something is done. When all active threads have been
+/// busy ever since its last look, and wait in their turns or compute for long, it becomes active itself. A thread that waits
+/// for another one inside its turn says so, and is replaced at once. An active thread whose turns are brief stands by when the
+/// turns of another active one are, too; but for a while after the sentinel has found that more are needed nobody does.
 ///
 /// Its mutex is a leaf.
 class ActiveThreads
@@ -52,11 +52,13 @@ public:
         // Its thread's: while it is not the only one that is active.
         std::chrono::steady_clock::time_point m_tTurn;
         std::chrono::nanoseconds m_Busy{};
+        std::chrono::steady_clock::time_point m_tJudged; // the first one that is judged next began
         std::chrono::nanoseconds m_ProcessorJudged{};
         unsigned m_uTimed = 0;
 
         // Guarded by the threads' mutex.
-        bool m_bActive = false; // read by its thread without it: nobody else makes an active one stand by
+        std::atomic<bool> m_bActive{false}; // changed within it; nobody else makes an active one stand by
+        bool m_bGetsAlong = false; // its last turns that were judged were brief, and it has not blocked since
         unsigned m_uTurnsSeen = 0;
         unsigned m_uIdlesSeen = 0;
         std::chrono::nanoseconds m_ProcessorSeen{};
@@ -81,6 +83,9 @@ public:
         Member* const m_pMember;
     };
 
+    /// From now on all members are active: the loop is going to end.
+    void ActivateAll();
+
     /// The calling thread, if it is a member, has found nothing to do and waits.
     static void NoteIdle();
     /// The calling thread, if it is a member, is going to wait inside its turn for what another one does.
@@ -92,12 +97,17 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     using Lock = std::unique_lock<std::mutex>;
+    struct Seen
+    {
+        bool bTurns = false; // some were begun
+        bool bNeeded = true; // another thread: the turns of all active ones are long
+    };
 
     void Enter(Member& member);
     void Leave(Member& member);
     void Settle(Member& member);
     void Rouse();
-    void ReplaceBlocked(const Member& member);
+    void ReplaceBlocked(Member& member);
 
     // With the mutex held.
     bool IsSurplus(Member& member);
@@ -107,13 +117,16 @@ private:
     void SetSentinel(Member* pMember);
     Member* FindStandingBy();
     void Look();
+    Seen SeeActive(Clock::duration passed);
     bool IsAnyBusy() const;
 
     std::mutex m_Mutex;
     Member* m_pMembers = nullptr;     // guarded by it, as what follows
     Member* m_pSentinel = nullptr;    // one that stands by, if any does
     Clock::time_point m_tLook;        // the sentinel's last look
-    int m_nQuiet = 0;                 // looks since something was done
+    bool m_bEnding = false;           // all are active for good
+    Clock::time_point m_tKeep;        // until then nobody stands by
+    Clock::duration m_Keep{};         // for so long since the sentinel has become active last
     std::atomic<int> m_nActive{0};    // changed within the mutex
     std::atomic<bool> m_bCalm{false}; // the sentinel does not look; changed within the mutex
 };

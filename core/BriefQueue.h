@@ -1,6 +1,7 @@
 #ifndef TARN_CORE_BRIEFQUEUE_H
 #define TARN_CORE_BRIEFQUEUE_H
 
+#include "core/ActiveThreads.h"
 #include "tarnadapterframe/TarnLock.h"
 
 // The queue's header does not include what its locking needs.
@@ -26,7 +27,11 @@ public:
     int enqueue(ACE_Message_Block* pBlock, ACE_Time_Value* pTimeout = nullptr) override
     {
         const Guard guard(this->lock_);
-        return this->IsActive() && this->wait_not_full_cond(pTimeout) != -1 ? this->enqueue_i(pBlock) : -1;
+        if (!this->IsActive())
+            return -1;
+        if (this->is_full_i())
+            ActiveThreads::NoteBlocked();
+        return this->wait_not_full_cond(pTimeout) != -1 ? this->enqueue_i(pBlock) : -1;
     }
 
     /// The same, for so long at most; the clock is asked only when the queue is full.
@@ -37,6 +42,7 @@ public:
             return -1;
         if (this->is_full_i())
         {
+            ActiveThreads::NoteBlocked();
             ACE_Time_Value deadline = this->gettimeofday() + longest;
             if (this->wait_not_full_cond(&deadline) == -1)
                 return -1;

@@ -1,5 +1,6 @@
 #include "LogText.h"
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <poll.h>
@@ -7,22 +8,24 @@
 
 namespace {
 
-/// Whether it is a printable character of ASCII, which most are.
-bool IsPlain(char c)
-{
-    return c >= 0x20 && c < 0x7F;
-}
+/// By byte: whether it may be, or begin, a control character. Most are printable ones of ASCII.
+constexpr std::array<bool, 256> SUSPECTS = [] {
+    std::array<bool, 256> suspects{};
+    for (unsigned u = 0; u < 0x20; ++u)
+        suspects[u] = u != '\n' && u != '\r' && u != '\t';
+    suspects[0x7F] = true;
+    suspects[0xC2] = true;
+    return suspects;
+}();
 
-/// Length of the control character at text[uAt], 0 when there is none. Those of two bytes are U+0080 to
+/// Length of the control character at text[uAt], a suspect; 0 when it is none. Those of two bytes are U+0080 to
 /// U+009F: terminals obey them like their escape sequences.
 std::size_t ControlLength(std::string_view text, std::size_t uAt)
 {
     const auto byte = static_cast<unsigned char>(text[uAt]);
-    if (byte < 0x20)
-        return byte == '\n' || byte == '\r' || byte == '\t' ? 0 : 1;
-    if (byte == 0x7F)
+    if (byte != 0xC2)
         return 1;
-    if (byte != 0xC2 || uAt + 1 >= text.size())
+    if (uAt + 1 >= text.size())
         return 0;
     const auto next = static_cast<unsigned char>(text[uAt + 1]);
     return next >= 0x80 && next <= 0x9F ? 2 : 0;
@@ -42,7 +45,12 @@ void AppendPrintable(std::string& strLine, std::string_view text)
     std::size_t uCopied = 0; // up to here; what needs no escape is copied by the run
     for (std::size_t uAt = 0; uAt < text.size();)
     {
-        const std::size_t uControl = IsPlain(text[uAt]) ? 0 : ControlLength(text, uAt);
+        if (!SUSPECTS[static_cast<unsigned char>(text[uAt])])
+        {
+            ++uAt;
+            continue;
+        }
+        const std::size_t uControl = ControlLength(text, uAt);
         if (uControl != 0)
         {
             strLine.append(text, uCopied, uAt - uCopied);

@@ -44,6 +44,7 @@ public:
         m_Put.notify_one();
     }
     bool IsCalm() const { return m_Active.IsCalm(); }
+    void End() { m_Active.ActivateAll(); }
 
 private:
     void Run()
@@ -149,6 +150,57 @@ TEST(ActiveThreads, WhoBlocksIsReplaced)
     for (const int nJobs : {2, 3, 5})
         for (const bool bSaid : {false, true})
             BlockOneAfterTheOther(crew, nJobs, bSaid);
+}
+
+// Whoever has replaced a thread that waits goes on while it does, however brief its own turns are.
+TEST(ActiveThreads, WhoWaitsForMuchWorkOfOthersIsNotLeftAlone)
+{
+    constexpr int JOBS = 2000;
+    Crew crew(3);
+    for (const bool bSaid : {true, false})
+    {
+        Event begun;
+        Event allDone;
+        Event ended;
+        std::atomic<int> nDone{0};
+        std::atomic<bool> bGood{false};
+        crew.Put([&] {
+            begun.Set();
+            if (bSaid)
+                ActiveThreads::NoteBlocked();
+            bGood = allDone.Wait();
+            ended.Set();
+        });
+        ASSERT_TRUE(begun.Wait());
+        for (int i = 0; i < JOBS; ++i)
+            crew.Put([&] {
+                if (++nDone == JOBS)
+                    allDone.Set();
+            });
+        EXPECT_TRUE(ended.Wait());
+        EXPECT_TRUE(bGood) << nDone << " done";
+    }
+}
+
+TEST(ActiveThreads, AtTheEndAllAreActive)
+{
+    // Each of the jobs waits until all have begun, and none of the looks would be needed for that.
+    constexpr int THREADS = 8;
+    Event begun[THREADS];
+    std::atomic<int> nGood{0};
+    {
+        Crew crew(THREADS);
+        crew.End();
+        for (int i = 0; i < THREADS; ++i)
+            crew.Put([&, i] {
+                begun[i].Set();
+                for (Event& other : begun)
+                    if (!other.Wait())
+                        return;
+                ++nGood;
+            });
+    }
+    EXPECT_EQ(nGood, THREADS);
 }
 
 TEST(ActiveThreads, WhoBlocksIsReplacedAfterAPause)
