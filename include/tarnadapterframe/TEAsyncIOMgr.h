@@ -40,9 +40,10 @@ public:
     ///         under the handle
     virtual int SendToOutBuffer(ACE_HANDLE handle, const char* pData, int iLength) = 0;
 
-    /// Queues a response for the response threads (`nAppProcessThreadNum`), several of which handle messages
-    /// at once: the order of two responses is not fixed. A response thread calls TEMessage::HandleMessage and
-    /// then deletes the message. While 1,280,000 messages are waiting the caller waits.
+    /// Queues a response for the response threads (`nAppProcessThreadNum`), of which as many take part as the work
+    /// needs: the order of two responses is not fixed. When all that do are blocked another one joins in, at once where
+    /// they wait for an answer inside the framework, after 4 to 8 milliseconds where application code blocks. A response
+    /// thread calls TEMessage::HandleMessage and then deletes the message. While 1,280,000 messages are waiting the caller waits.
     /// @param pMessage  taken over with result 0
     /// @return 0 queued; -1 not: null, the application is exiting, the engine is being stopped, no response
     ///         threads or no memory, and the message stays its caller's. Only when the engine is being stopped

@@ -18,7 +18,8 @@ class SpareNodes;
 /// Create one with `new` before the message is sent: it registers itself under the message's serial, and belongs to
 /// the registry from then on. It is called once at most, on the thread that delivers the answer (a response thread, or
 /// the sending one when the answer is there at once), with no lock held; the message and the record are deleted after it has returned. It may send messages, register other
-/// callbacks and block, but when all response threads wait inside callbacks, none is left to bring their answers. It is not called for a message that fails or expires.
+/// callbacks and block, but when all response threads wait inside callbacks, none is left to bring their answers; and while
+/// one blocks otherwise than in SyncHandleMessage or PSyncHelp, other answers may be some milliseconds late. It is not called for a message that fails or expires.
 class TARN_ADAPTER_API AsynCallBack
 {
 public:

@@ -26,7 +26,7 @@ class TarnConnectorImpl;
 /// connection are called one at a time and in the order of the events, on a connect thread, an I/O thread or
 /// the thread of a caller of TarnConnectorMgr, with no lock of the framework held but the one that keeps the
 /// connector in use. They may call anything but the destructor of a connector. A hook that takes long holds up
-/// its thread, so hand work over and return.
+/// its thread, and on an I/O thread other connections for some milliseconds, so hand work over and return.
 ///
 /// **Without transport** (type UNKOWN_TYPE, or one that could not be created) the operations return what
 /// stands with them and log a line.
