@@ -12,7 +12,7 @@ namespace {
 constexpr auto NEXT_LOOK = std::chrono::milliseconds(4);
 // Turns that take a processor for so long on average are worth another thread.
 constexpr auto LONG_TURN = std::chrono::microseconds(100);
-// Turns that last so long, waiting included.
+// And so are turns that last so long on average, waiting included.
 constexpr auto LONG_WAIT = std::chrono::microseconds(1000);
 // A thread that has a processor for a smaller part of its turns than one in so many waits in them.
 constexpr int WAITING_PART = 8;
@@ -100,9 +100,9 @@ void ActiveThreads::Member::EndTurn()
     ++m_uTimed;
 }
 
+// Inside another turn it is none: that one goes on.
 ActiveThreads::Turn::Turn()
-    : m_pMember(t_pMember != nullptr && !t_pMember->m_bBusy ? t_pMember
-                                                            : nullptr) // inside another turn: that goes on
+    : m_pMember(t_pMember != nullptr && !t_pMember->m_bBusy ? t_pMember : nullptr)
 {
     if (m_pMember != nullptr)
         m_pMember->BeginTurn();

@@ -67,7 +67,7 @@ public:
         Member* m_pNext = nullptr;
     };
 
-    /// Before the calling thread looks for work: waits until it is to be active. Does not wait for a thread that is no member.
+    /// Before the calling thread looks for work: waits until it is to be active. A thread that is no member goes on at once.
     static void AwaitTurn();
 
     /// The calling thread's work on what it has found, as long as this lives. For a thread that is no member, nothing.
@@ -83,7 +83,7 @@ public:
         Member* const m_pMember;
     };
 
-    /// From now on all members are active: the loop is going to end.
+    /// From now on all members are active: the loop is going to end. Any thread.
     void ActivateAll();
 
     /// The calling thread, if it is a member, has found nothing to do and waits.

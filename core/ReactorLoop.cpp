@@ -42,9 +42,11 @@ void RunReactorLoop(ACE_Reactor& reactor, const std::function<void()>& started,
     const ACE_Sig_Guard signalGuard(&signals);
     reactor.owner(ACE_Thread::self());
     started();
-    while (reactor.reactor_event_loop_done() == 0)
+    for (;;)
     {
         ActiveThreads::AwaitTurn();
+        if (reactor.reactor_event_loop_done() != 0)
+            return;
         // A reactor that fails at once, again and again, must not take a processor with it.
         if (reactor.handle_events() == -1 && errno != EINTR && reactor.reactor_event_loop_done() == 0)
             Sleep(ERROR_PAUSE_MS);

@@ -9,7 +9,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -152,7 +151,7 @@ TEST(ActiveThreads, WhoBlocksIsReplaced)
             BlockOneAfterTheOther(crew, nJobs, bSaid);
 }
 
-// Whoever has replaced a thread that waits goes on while it does, however brief its own turns are.
+// A thread that waits until others have done much gets it done, whether it says that it waits or not.
 TEST(ActiveThreads, WhoWaitsForMuchWorkOfOthersIsNotLeftAlone)
 {
     constexpr int JOBS = 2000;
@@ -228,7 +227,8 @@ TEST(ActiveThreads, LongTurnsAreTakenSideBySide)
         for (int i = 0; i < 1000; ++i)
             crew.Put([&] {
                 const auto tEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-                bTogether = bTogether || ++nInside > 1;
+                if (++nInside > 1)
+                    bTogether = true;
                 while (!bTogether && std::chrono::steady_clock::now() < tEnd)
                 {}
                 --nInside;
