@@ -146,8 +146,10 @@ TEST_F(Lifecycle, StartAndStopAgainAndAgainLeaveNothingBehind)
 {
     // Once before counting: the first use may leave helpers of ACE and the sanitizers.
     ASSERT_EQ(tarnadapter::Init(), 0);
+    const std::size_t nRunning = Threads().size();
     tarnadapter::Fini();
     host.ClearLines();
+    ASSERT_TRUE(WaitUntil([&] { return Threads().size() < nRunning; })) << "the kernel lists its thread on";
     const auto threads = Threads();
     const int iDescriptors = DescriptorCount();
     const int iRounds = StressRounds(4);
